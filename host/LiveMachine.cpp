@@ -1,0 +1,107 @@
+// The live machine: every call goes straight to libc (or, for
+// sleepForSeconds, to the framework's own library).
+#include "host/Host.h"
+
+#include "platform/SysUtil.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+
+namespace Vantrel {
+namespace Ostrand {
+namespace host {
+
+struct Dir {
+    DIR* stream;
+};
+
+namespace {
+
+union SemaphoreArgument {
+    int val;
+    struct semid_ds* buf;
+    unsigned short* array;
+};
+
+class LiveMachine final : public Machine {
+public:
+    FILE* popen(const char* command, const char* mode) override { return ::popen(command, mode); }
+    int pclose(FILE* stream) override { return ::pclose(stream); }
+    int open(const char* path, int flags, mode_t mode) override { return ::open(path, flags, mode); }
+    int close(int fd) override { return ::close(fd); }
+    ssize_t read(int fd, void* buffer, size_t count) override { return ::read(fd, buffer, count); }
+    ssize_t write(int fd, const void* buffer, size_t count) override { return ::write(fd, buffer, count); }
+    off_t lseek(int fd, off_t offset, int whence) override { return ::lseek(fd, offset, whence); }
+    int ioctl(int fd, unsigned long request, void* argument) override { return ::ioctl(fd, request, argument); }
+    void* mmap(void* address, size_t length, int protection, int flags, int fd, off_t offset) override
+    {
+        return ::mmap(address, length, protection, flags, fd, offset);
+    }
+    int munmap(void* address, size_t length) override { return ::munmap(address, length); }
+    int tcgetattr(int fd, struct termios* settings) override { return ::tcgetattr(fd, settings); }
+    int tcsetattr(int fd, int action, const struct termios* settings) override
+    {
+        return ::tcsetattr(fd, action, settings);
+    }
+    int scandir(const char* directory, struct dirent*** list, DirentFilter filter, DirentCompare compare) override
+    {
+        return ::scandir(directory, list, filter, compare);
+    }
+    Dir* opendir(const char* path) override
+    {
+        DIR* stream = ::opendir(path);
+        if (stream == nullptr) {
+            return nullptr;
+        }
+        return new Dir{stream};
+    }
+    struct dirent* readdir(Dir* directory) override { return ::readdir(directory->stream); }
+    int closedir(Dir* directory) override
+    {
+        int result = ::closedir(directory->stream);
+        delete directory;
+        return result;
+    }
+    int uname(struct utsname* name) override { return ::uname(name); }
+    int mount(const char* source, const char* target, const char* type, unsigned long flags,
+              const void* data) override
+    {
+        return ::mount(source, target, type, flags, data);
+    }
+    int semget(key_t key, int count, int flags) override { return ::semget(key, count, flags); }
+    int semctl(int id, int number, int command, int value) override
+    {
+        SemaphoreArgument argument;
+        argument.val = value;
+        return ::semctl(id, number, command, argument);
+    }
+    int semop(int id, struct sembuf* operations, size_t count) override { return ::semop(id, operations, count); }
+    unsigned int sleep(unsigned int seconds) override { return ::sleep(seconds); }
+    int usleep(useconds_t microseconds) override { return ::usleep(microseconds); }
+    time_t time(time_t* out) override { return ::time(out); }
+    void sleepForSeconds(unsigned int seconds) override { Vantrel::System::SysUtil::sleepForSeconds(seconds); }
+};
+
+Machine* g_current = nullptr;
+
+} // namespace
+
+Machine& liveMachine()
+{
+    static LiveMachine live;
+    return live;
+}
+
+Machine& machine() { return g_current != nullptr ? *g_current : liveMachine(); }
+
+void use(Machine* machine) { g_current = machine; }
+
+ScopedMachine::ScopedMachine(Machine& machine) : m_previous(g_current) { g_current = &machine; }
+
+ScopedMachine::~ScopedMachine() { g_current = m_previous; }
+
+} // namespace host
+} // namespace Ostrand
+} // namespace Vantrel

@@ -1,0 +1,56 @@
+// Fake machines kept as data in a directory. The directory holds a file
+// named `machine`, one directive a line, and the data files it names by
+// paths relative to the directory. samples/README.md documents the format.
+#pragma once
+
+#include "host/FakeMachine.h"
+
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace Vantrel {
+namespace Ostrand {
+namespace host {
+
+// A directory that is missing or does not describe a machine. The text is one
+// line that names the directory, the line and what is wrong.
+class MachineDirectoryError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// One directive line, split at blanks. `rest(i)` is the line from word i on,
+// as written (a command line keeps its blanks).
+struct Directive {
+    std::string directory;
+    int lineNumber;
+    std::vector<std::string> words;
+    std::string line;
+    std::string rest(size_t word) const;
+    // The bytes of a data file named relative to the machine's directory.
+    std::string data(const std::string& relativePath) const;
+    // A key=value word's value, or the default.
+    std::string option(const std::string& key, const std::string& fallback) const;
+    long number(const std::string& key, long fallback) const;
+    [[noreturn]] void fail(const std::string& message) const;
+};
+
+using DirectiveHandler = std::function<void(FakeMachine&, const Directive&)>;
+
+// Adds a directive, so that more device models join the format.
+void registerDirective(const std::string& name, DirectiveHandler handler);
+
+// Loads the machine of a directory. Throws MachineDirectoryError.
+std::unique_ptr<FakeMachine> loadMachine(const std::string& directory);
+// Fills a machine from directive text, data files relative to `directory`.
+void loadMachineText(FakeMachine& machine, const std::string& text, const std::string& directory);
+
+// The bytes of a file, or throws MachineDirectoryError.
+std::string readWholeFile(const std::string& path);
+
+} // namespace host
+} // namespace Ostrand
+} // namespace Vantrel

@@ -1,0 +1,366 @@
+#include "probes/PCIUtil.h"
+
+#include "host/Host.h"
+#include "probes/LinuxUtils.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace Vantrel {
+namespace Ostrand {
+
+namespace {
+
+const size_t kLineSize = 256;
+
+// These four controllers are hidden from every class query.
+bool isHiddenDevice(int deviceId)
+{
+    return deviceId == 0x27C0 || deviceId == 0x24D1 || deviceId == 0x1D3A || deviceId == 0x1D3B;
+}
+
+// fgets leaves the newline in; the last character is cut whatever it is.
+void cutLastCharacter(char* line)
+{
+    size_t length = std::strlen(line);
+    if (length > 0) {
+        line[length - 1] = '\0';
+    }
+}
+
+bool contains(const char* line, const char* word) { return std::strstr(line, word) != nullptr; }
+
+} // namespace
+
+PCIUtil::PCIUtil() {}
+
+PCIUtil::~PCIUtil() {}
+
+int PCIUtil::initPciUtil()
+{
+    // 1. Line buffers, then the -n and -m children, running side by side.
+    char nLine[kLineSize];
+    char mLine[kLineSize];
+    char vLine[kLineSize];
+    std::memset(nLine, 0, sizeof nLine);
+    std::memset(mLine, 0, sizeof mLine);
+    std::memset(vLine, 0, sizeof vLine);
+
+    FILE* nPipe = host::popen("/sbin/lspci -n 2>&1", "r");
+    if (nPipe == nullptr) {
+        return 0;
+    }
+    FILE* mPipe = host::popen("/sbin/lspci -m 2>&1", "r");
+    if (mPipe == nullptr) {
+        host::pclose(nPipe);
+        return 0;
+    }
+
+    // 2. The two texts in lockstep: the n-th line of one is the n-th device of
+    //    the other. The end test follows the read, so an unterminated last line
+    //    is dropped and the shorter text ends the pass.
+    for (;;) {
+        std::fgets(nLine, kLineSize, nPipe);
+        std::fgets(mLine, kLineSize, mPipe);
+        if (std::feof(nPipe)) {
+            break;
+        }
+        if (std::feof(mPipe)) {
+            break;
+        }
+        // Only the -n line is looked at, one line is skipped, and the end of
+        // the texts is not tested again here.
+        if (contains(nLine, "pcilib:")) {
+            std::fgets(nLine, kLineSize, nPipe);
+            std::fgets(mLine, kLineSize, mPipe);
+        }
+        cutLastCharacter(nLine);
+        cutLastCharacter(mLine);
+        pci_device device;
+        parseN(nLine, &device);
+        parseM(mLine, &device);
+        m_allDevices.push_back(device);
+    }
+
+    // 4. The -v pass.
+    host::pclose(nPipe);
+    host::pclose(mPipe);
+    FILE* vPipe = host::popen("/sbin/lspci -v 2>&1", "r");
+    if (vPipe == nullptr) {
+        return 0;
+    }
+
+    // 5. Blocks are joined to the inventory by counting: the header lines
+    //    themselves are never read.
+    size_t current = 0;
+    bool firstLineToCome = true;
+    pci_device beyondTheInventory;
+    if (!m_allDevices.empty()) {
+        m_allDevices[0].irq = 0;
+    }
+    while (std::fgets(vLine, kLineSize, vPipe) != nullptr) {
+        cutLastCharacter(vLine);
+        if (contains(vLine, "pcilib:")) {
+            continue;
+        }
+        if (firstLineToCome) {
+            firstLineToCome = false;
+            continue;
+        }
+        if (vLine[0] == '\0') {
+            continue;
+        }
+        if (vLine[0] == '\t') {
+            // A text with more blocks than the inventory writes nothing past
+            // its end: those details are parsed and dropped.
+            pci_device& device = current < m_allDevices.size() ? m_allDevices[current] : beyondTheInventory;
+            if (contains(vLine, "IRQ")) {
+                device.irq = parseIRQ(vLine);
+            }
+            if (contains(vLine, "Bus: ")) {
+                parseBusDetails(vLine, device.primaryBus, device.secondaryBus, device.subordinateBus);
+            }
+            if (contains(vLine, "I/O ports at")) {
+                device.ioPortsAddr = parseIOPortsAddr(vLine);
+            }
+            continue;
+        }
+        ++current;
+        if (current < m_allDevices.size()) {
+            m_allDevices[current].irq = 0;
+        }
+    }
+
+    // 6.
+    host::pclose(vPipe);
+    return 1; // any value will do on success: no caller looks at it
+}
+
+// Positions are std::string positions: a search that finds nothing gives npos,
+// and the arithmetic below wraps as the unsigned positions of std::string do.
+// That is what lets the shell's one-line complaint pass as a device.
+void PCIUtil::parseN(const std::string& line, pci_device* device)
+{
+    LinuxUtils utils;
+    const bool hasClass = line.find("Class") != std::string::npos;
+
+    // 1. Where the class starts and the slot ends.
+    size_t start;
+    size_t slotEnd;
+    if (hasClass) {
+        size_t c = line.find('C');
+        start = c;
+        slotEnd = c - 1;
+    } else {
+        size_t firstColon = line.find(':');
+        size_t q = line.find(':', firstColon + 1);
+        if (firstColon == std::string::npos) {
+            q = std::string::npos;
+        }
+        start = q - 4;
+        slotEnd = q - 5;
+    }
+
+    // 2. The slot, without a domain on the shape with the word Class.
+    if (line.find("0000:") != std::string::npos) {
+        device->busDevFn = line.substr(5, slotEnd - 5);
+    } else {
+        device->busDevFn = line.substr(0, slotEnd);
+    }
+
+    // 3. Bus, device and function from the slot.
+    utils.extractBusDevFn(device->busDevFn, device->bus, device->device, device->function);
+
+    // 4. The class code.
+    size_t k = line.find(':', start);
+    size_t classBegin = hasClass ? start + 6 : start;
+    device->className = line.substr(classBegin, k - classBegin);
+    device->classCode = utils.fromHexToInt(device->className);
+
+    // 5. The vendor.
+    size_t m = line.find(':', k + 1);
+    device->vendorId = utils.fromHexToInt(line.substr(k + 2, m - (k + 2)));
+
+    // 6. The device: up to the first "(" or "r", a set of characters, not a word.
+    size_t r = line.find_first_of("(r", m);
+    if (r != std::string::npos) {
+        device->deviceId = utils.fromHexToInt(line.substr(m + 1, (r - 1) - (m + 1)));
+    } else {
+        device->deviceId = utils.fromHexToInt(line.substr(m + 1));
+        return;
+    }
+
+    // 7. The revision, read as decimal on purpose: 02 gives 2, 1a gives 1, a1 gives 0.
+    size_t close = line.find(')', r);
+    std::string revisionText = line.substr(r + 4, close - (r + 4));
+    device->revision = std::strtol(revisionText.c_str(), nullptr, 10);
+}
+
+void PCIUtil::parseM(const std::string& line, pci_device* device)
+{
+    // Each quote is searched from one past the one before it.
+    size_t q1 = line.find('"');
+    size_t q2 = line.find('"', q1 + 1);
+    device->className = line.substr(q1 + 1, q2 - q1 - 1);
+
+    size_t q3 = line.find('"', q2 + 1);
+    size_t q4 = line.find('"', q3 + 1);
+    device->vendorName = line.substr(q3 + 1, q4 - q3 - 1);
+
+    size_t q5 = line.find('"', q4 + 1);
+    size_t q6 = line.find('"', q5 + 1);
+    device->deviceName = device->vendorName + " " + line.substr(q5 + 1, q6 - q5 - 1);
+
+    // The test is on the whole line: a name with USB in it counts.
+    if (line.find("USB") == std::string::npos) {
+        device->progIf = -1;
+    } else if (line.find(" -p10 ") != std::string::npos) {
+        device->progIf = 10;
+    } else if (line.find(" -p20 ") != std::string::npos) {
+        device->progIf = 20;
+    } else {
+        device->progIf = 0;
+    }
+}
+
+void PCIUtil::parseBusDetails(const std::string& line, int& primary, int& secondary, int& subordinate)
+{
+    LinuxUtils utils;
+    size_t at = line.find("primary=");
+    if (at == std::string::npos) {
+        return;
+    }
+    primary = utils.fromHexToInt(line.substr(at + 8, 2));
+    at = line.find("secondary=");
+    if (at == std::string::npos) {
+        return;
+    }
+    secondary = utils.fromHexToInt(line.substr(at + 10, 2));
+    at = line.find("subordinate=");
+    if (at == std::string::npos) {
+        return;
+    }
+    subordinate = utils.fromHexToInt(line.substr(at + 12, 2));
+}
+
+int PCIUtil::parseIRQ(const std::string& line)
+{
+    size_t at = line.find("IRQ");
+    if (at == std::string::npos) {
+        return 0;
+    }
+    // A line that ends in the word has no number behind it: 0.
+    if (at + 4 > line.size()) {
+        return 0;
+    }
+    return static_cast<int>(std::strtol(line.c_str() + at + 4, nullptr, 10));
+}
+
+std::string PCIUtil::parseIOPortsAddr(const std::string& line)
+{
+    size_t at = line.find("at ");
+    size_t bracket = line.find(" [", at);
+    return line.substr(at + 3, bracket - (at + 3));
+}
+
+int PCIUtil::getNumofDeviceWithClass(unsigned short classCode)
+{
+    m_selection.clear();
+    for (size_t i = 0; i < m_allDevices.size(); ++i) {
+        const pci_device& device = m_allDevices[i];
+        if (isHiddenDevice(device.deviceId)) {
+            continue;
+        }
+        if (device.classCode == classCode) {
+            m_selection.push_back(device);
+        }
+        // Simple communication controllers and modems are one family to callers.
+        if (classCode == 0x0780 && device.classCode == 0x0703) {
+            m_selection.push_back(device);
+        }
+    }
+    return static_cast<int>(m_selection.size());
+}
+
+int PCIUtil::getDeviceIdVendorId(int index, int& deviceId, int& vendorId)
+{
+    // Only an index above the size is refused (a negative one counts as above);
+    // the index equal to the size passes but has no device, so the outputs
+    // stay as they were.
+    if (static_cast<unsigned int>(index) > m_selection.size()) {
+        return 0;
+    }
+    if (static_cast<size_t>(index) < m_selection.size()) {
+        deviceId = m_selection[index].deviceId;
+        vendorId = m_selection[index].vendorId;
+    }
+    return 1;
+}
+
+int PCIUtil::getPCIBusDevFunction(int index, int& bus, int& device, int& function)
+{
+    // The same check as getDeviceIdVendorId, with the same harmless end.
+    if (static_cast<unsigned int>(index) > m_selection.size()) {
+        return 0;
+    }
+    if (static_cast<size_t>(index) < m_selection.size()) {
+        bus = m_selection[index].bus;
+        device = m_selection[index].device;
+        function = m_selection[index].function;
+    }
+    return 1;
+}
+
+std::string PCIUtil::getDevAttribute(const int& index, const DeviceAttribute& attribute) const
+{
+    if (index < 0 || static_cast<size_t>(index) >= m_selection.size() || static_cast<int>(attribute) > 7) {
+        return "";
+    }
+    const pci_device& device = m_selection[index];
+    LinuxUtils utils;
+    switch (attribute) {
+    case PCI_ATTR_NAME:
+        return device.deviceName;
+    case PCI_ATTR_LOCATION:
+        return utils.toString("sdsdsd", "PCI Bus ", device.bus, ", Device ", device.device, ", Function ",
+                              device.function);
+    case PCI_ATTR_PARENT_LOCATION:
+        return utils.toString("sd", "System Board!PCI Bus ", device.bus);
+    case PCI_ATTR_VENDOR:
+        return device.vendorName;
+    case PCI_ATTR_CLASS:
+        return device.className;
+    case PCI_ATTR_IO_PORTS:
+        return device.ioPortsAddr;
+    case PCI_ATTR_BUS_DEV_FN:
+        return device.busDevFn;
+    case PCI_ATTR_NONE:
+    default:
+        return "";
+    }
+}
+
+int PCIUtil::getProgIntface(int index)
+{
+    // Unchecked by contract; an index outside the selection answers -1, the
+    // value of a device that is no USB controller.
+    if (index < 0 || static_cast<size_t>(index) >= m_selection.size()) {
+        return -1;
+    }
+    return m_selection[index].progIf;
+}
+
+std::string PCIUtil::getDeviceName(int vendorId, int deviceId) const
+{
+    for (size_t i = 0; i < m_allDevices.size(); ++i) {
+        if (m_allDevices[i].vendorId == vendorId && m_allDevices[i].deviceId == deviceId) {
+            return m_allDevices[i].deviceName;
+        }
+    }
+    return "";
+}
+
+void PCIUtil::getAllPCIDevices(std::vector<pci_device>& devices) { devices = m_allDevices; }
+
+} // namespace Ostrand
+} // namespace Vantrel
