@@ -1,0 +1,317 @@
+#include "host/FakeMachine.h"
+#include "host/MachineDirectory.h"
+#include "tests/support/Machines.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/serial.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+
+using namespace Vantrel::Ostrand;
+
+namespace {
+
+std::string readAll(FILE* stream)
+{
+    std::string text;
+    char buffer[256];
+    while (std::fgets(buffer, sizeof buffer, stream) != nullptr) {
+        text += buffer;
+    }
+    return text;
+}
+
+} // namespace
+
+TEST(FakeMachineTest, PopenGivesTheOutputOfTheExactCommandLine)
+{
+    host::FakeMachine machine;
+    machine.addCommand("/sbin/lspci -n 2>&1", "00:00.0 0600: 8086:1237\n");
+    host::ScopedMachine scope{machine};
+    FILE* stream = host::popen("/sbin/lspci -n 2>&1", "r");
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(readAll(stream), "00:00.0 0600: 8086:1237\n");
+    EXPECT_TRUE(std::feof(stream));
+    EXPECT_EQ(host::pclose(stream), 0);
+    EXPECT_EQ(machine.commands(), std::vector<std::string>{"/sbin/lspci -n 2>&1"});
+    EXPECT_EQ(machine.openStreams(), 0u);
+}
+
+TEST(FakeMachineTest, AnUnknownCommandGetsTheShellsComplaint)
+{
+    host::FakeMachine machine;
+    host::ScopedMachine scope{machine};
+    FILE* stream = host::popen("lsusb -v 2>&1", "r");
+    EXPECT_EQ(readAll(stream), "sh: lsusb: command not found\n");
+    host::pclose(stream);
+}
+
+TEST(FakeMachineTest, AStreamLeftOpenIsCountedAndClosedWithTheMachine)
+{
+    host::FakeMachine machine;
+    host::ScopedMachine scope{machine};
+    host::popen("true", "r");
+    EXPECT_EQ(machine.openStreams(), 1u);
+}
+
+TEST(FakeMachineTest, ScandirListsDotEntriesFiltersAndSorts)
+{
+    host::FakeMachine machine;
+    machine.addNode("/dev/sdb", 'b', nullptr);
+    machine.addNode("/dev/sda", 'b', nullptr);
+    machine.addLink("/dev/cdrom");
+    host::ScopedMachine scope{machine};
+    struct dirent** list = nullptr;
+    int count = host::scandir("/dev/", &list, nullptr, alphasort);
+    ASSERT_EQ(count, 5);
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i) {
+        names.push_back(list[i]->d_name);
+        std::free(list[i]);
+    }
+    std::free(list);
+    EXPECT_EQ(names, (std::vector<std::string>{".", "..", "cdrom", "sda", "sdb"}));
+}
+
+TEST(FakeMachineTest, ReaddirKeepsTheOrderOfAdding)
+{
+    host::FakeMachine machine;
+    machine.addLink("/sys/class/net/eth1");
+    machine.addLink("/sys/class/net/lo");
+    machine.addLink("/sys/class/net/eth0");
+    host::ScopedMachine scope{machine};
+    host::Dir* dir = host::opendir("/sys/class/net/");
+    ASSERT_NE(dir, nullptr);
+    std::vector<std::string> names;
+    while (struct dirent* entry = host::readdir(dir)) {
+        names.push_back(entry->d_name);
+    }
+    host::closedir(dir);
+    EXPECT_EQ(names, (std::vector<std::string>{".", "..", "eth1", "lo", "eth0"}));
+    EXPECT_EQ(host::opendir("/sys/class/none"), nullptr);
+}
+
+TEST(FakeMachineTest, DescriptorsAreAboveZeroAndRecordedUntilClosed)
+{
+    host::FakeMachine machine;
+    machine.addNode("/dev/ttyS0", 'c', std::make_shared<host::SerialModel>(4, 0x3f8, 4));
+    host::ScopedMachine scope{machine};
+    int fd = host::open("/dev/ttyS0", O_RDWR | O_NONBLOCK);
+    EXPECT_GT(fd, 0);
+    EXPECT_EQ(machine.openDescriptors(), std::vector<std::string>{"/dev/ttyS0"});
+    EXPECT_EQ(host::close(fd), 0);
+    EXPECT_TRUE(machine.openDescriptors().empty());
+    EXPECT_EQ(host::close(fd), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST(FakeMachineTest, OpeningWhatIsNotThereOrIsDeniedFails)
+{
+    host::FakeMachine machine;
+    machine.denyOpen("/dev/mem", EACCES);
+    machine.addLink("/dev/cdrom");
+    host::ScopedMachine scope{machine};
+    EXPECT_EQ(host::open("/dev/nothing", O_RDONLY), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(host::open("/dev/mem", O_RDONLY), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(host::open("/dev/cdrom", O_RDONLY), -1);
+}
+
+TEST(FakeMachineTest, SerialPortAnswersTiocgserialAndKeepsSettings)
+{
+    host::FakeMachine machine;
+    machine.addNode("/dev/ttyS1", 'c', std::make_shared<host::SerialModel>(4, 0x2f8, 3, 1));
+    host::ScopedMachine scope{machine};
+    int fd = host::open("/dev/ttyS1", O_RDWR);
+    struct serial_struct serial;
+    std::memset(&serial, 0, sizeof serial);
+    ASSERT_EQ(host::ioctl(fd, TIOCGSERIAL, &serial), 0);
+    EXPECT_EQ(serial.type, 4);
+    EXPECT_EQ(serial.port, 0x2f8u);
+    EXPECT_EQ(serial.irq, 3);
+    EXPECT_EQ(serial.line, 1);
+    struct termios settings;
+    std::memset(&settings, 0, sizeof settings);
+    settings.c_cflag = CLOCAL | CREAD;
+    EXPECT_EQ(host::tcsetattr(fd, TCSANOW, &settings), 0);
+    struct termios back;
+    EXPECT_EQ(host::tcgetattr(fd, &back), 0);
+    EXPECT_EQ(back.c_cflag, static_cast<tcflag_t>(CLOCAL | CREAD));
+    EXPECT_EQ(host::ioctl(fd, 0x5401, nullptr), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    ASSERT_EQ(machine.ioctls().size(), 2u);
+    EXPECT_EQ(machine.ioctls()[0].path, "/dev/ttyS1");
+    EXPECT_EQ(machine.ioctls()[0].request, static_cast<unsigned long>(TIOCGSERIAL));
+    host::close(fd);
+}
+
+TEST(FakeMachineTest, AModemAnswersInPiecesAndSilenceCostsFakeTime)
+{
+    host::FakeMachine machine;
+    auto port = std::make_shared<host::SerialModel>(4, 0x3f8, 4);
+    port->attachModem(host::ModemScript::parse("> ATI3\\r\n< \\r\\nWord\\r\\n\n< OK\\r\\n\n"));
+    machine.addNode("/dev/ttyS0", 'c', port);
+    host::ScopedMachine scope{machine};
+    int fd = host::open("/dev/ttyS0", O_RDWR | O_NONBLOCK);
+    char buffer[100];
+    int64_t before = machine.clock().elapsed();
+    EXPECT_EQ(host::read(fd, buffer, sizeof buffer), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(machine.clock().elapsed() - before, host::SerialModel::kIdleReadMicros);
+    EXPECT_EQ(host::write(fd, "ATI3\r", 5), 5);
+    ASSERT_EQ(host::read(fd, buffer, sizeof buffer), 8);
+    EXPECT_EQ(std::string(buffer, 8), "\r\nWord\r\n");
+    ASSERT_EQ(host::read(fd, buffer, sizeof buffer), 4);
+    EXPECT_EQ(std::string(buffer, 4), "OK\r\n");
+    EXPECT_EQ(host::read(fd, buffer, sizeof buffer), -1);
+    ASSERT_EQ(machine.writes().size(), 1u);
+    EXPECT_EQ(machine.writes()[0].bytes, "ATI3\r");
+    host::close(fd);
+}
+
+TEST(FakeMachineTest, SleepsMoveOnlyTheFakeClock)
+{
+    host::FakeMachine machine;
+    host::ScopedMachine scope{machine};
+    time_t start = host::time(nullptr);
+    host::sleep(10);
+    host::usleep(3000);
+    host::sleepForSeconds(2);
+    EXPECT_EQ(host::time(nullptr) - start, 12);
+    EXPECT_EQ(machine.clock().elapsed(), 12003000);
+    ASSERT_EQ(machine.sleeps().size(), 3u);
+    EXPECT_EQ(machine.sleeps()[0].call, "sleep");
+    EXPECT_EQ(machine.sleeps()[1].microseconds, 3000);
+    EXPECT_EQ(machine.sleeps()[2].call, "sleepForSeconds");
+}
+
+TEST(FakeMachineTest, PhysicalMemoryMapsAreasAndZeros)
+{
+    host::FakeMachine machine;
+    auto memory = std::make_shared<host::MemoryModel>();
+    memory->place(0xF0010, "$PIR");
+    machine.addNode("/dev/mem", 'c', memory);
+    host::ScopedMachine scope{machine};
+    int fd = host::open("/dev/mem", O_RDONLY);
+    auto* area = static_cast<unsigned char*>(host::mmap(nullptr, 0x10000, PROT_READ, MAP_SHARED, fd, 0xF0000));
+    ASSERT_NE(area, MAP_FAILED);
+    EXPECT_EQ(std::memcmp(area + 0x10, "$PIR", 4), 0);
+    EXPECT_EQ(area[0], 0);
+    EXPECT_EQ(machine.openMappings(), 1u);
+    EXPECT_EQ(host::munmap(area, 0x10000), 0);
+    EXPECT_EQ(machine.openMappings(), 0u);
+    char bytes[4];
+    EXPECT_EQ(host::lseek(fd, 0xF0010, SEEK_SET), 0xF0010);
+    EXPECT_EQ(host::read(fd, bytes, 4), 4);
+    EXPECT_EQ(std::string(bytes, 4), "$PIR");
+    host::close(fd);
+}
+
+TEST(FakeMachineTest, SemaphoresKeepTheirValue)
+{
+    host::FakeMachine machine;
+    host::ScopedMachine scope{machine};
+    int id = host::semget(0x1FE101F, 1, IPC_CREAT | 0666);
+    ASSERT_GE(id, 0);
+    EXPECT_EQ(host::semctl(id, 0, SETVAL, 1), 0);
+    struct sembuf down = {0, -1, 0};
+    EXPECT_EQ(host::semop(id, &down, 1), 0);
+    EXPECT_EQ(machine.semaphoreValue(0x1FE101F), 0);
+    EXPECT_EQ(host::semop(id, &down, 1), -1);
+    EXPECT_EQ(host::semget(0x1FE101F, 1, 0), id);
+}
+
+TEST(FakeMachineTest, UnameAnswersTheDescribedRelease)
+{
+    host::FakeMachine machine;
+    machine.setUname("2.6.61-56-amd64", "x86_64");
+    host::ScopedMachine scope{machine};
+    struct utsname name;
+    ASSERT_EQ(host::uname(&name), 0);
+    EXPECT_STREQ(name.release, "2.6.61-56-amd64");
+    EXPECT_STREQ(name.machine, "x86_64");
+}
+
+TEST(FakeMachineTest, WithoutAnInstalledMachineTheLiveOneAnswers)
+{
+    EXPECT_EQ(&host::machine(), &host::liveMachine());
+    {
+        host::FakeMachine machine;
+        host::ScopedMachine scope{machine};
+        EXPECT_EQ(&host::machine(), &machine);
+    }
+    EXPECT_EQ(&host::machine(), &host::liveMachine());
+}
+
+TEST(MachineDirectoryTest, LoadsTheLabServerSample)
+{
+    auto machine = host::loadMachine(std::string(OSTRAND_SOURCE_DIR) + "/samples/lab-server");
+    host::ScopedMachine scope{*machine};
+    FILE* stream = host::popen("/sbin/lspci -n 2>&1", "r");
+    ASSERT_NE(stream, nullptr);
+    std::string text = readAll(stream);
+    host::pclose(stream);
+    EXPECT_EQ(text.substr(0, 32), "00:00.0 0600: 8086:1237 (rev 02)");
+    EXPECT_NE(std::dynamic_pointer_cast<host::SerialModel>(machine->model("/dev/ttyS0")), nullptr);
+    EXPECT_NE(std::dynamic_pointer_cast<host::MemoryModel>(machine->model("/dev/mem")), nullptr);
+    EXPECT_NE(machine->model("/dev/sg0"), nullptr);
+    struct utsname name;
+    host::uname(&name);
+    EXPECT_STREQ(name.release, "6.1.0-56-amd64");
+}
+
+TEST(MachineDirectoryTest, LoadsTheVirtioSample)
+{
+    auto machine = host::loadMachine(std::string(OSTRAND_SOURCE_DIR) + "/samples/virtio-vm");
+    host::ScopedMachine scope{*machine};
+    EXPECT_EQ(host::open("/dev/mem", O_RDONLY), -1);
+    EXPECT_EQ(errno, EACCES);
+}
+
+TEST(MachineDirectoryTest, AMissingDirectoryIsOneClearLine)
+{
+    try {
+        host::loadMachine("/no/such/machine");
+        FAIL() << "no exception";
+    } catch (const host::MachineDirectoryError& e) {
+        EXPECT_STREQ(e.what(), "machine /no/such/machine: no such directory");
+    }
+}
+
+TEST(MachineDirectoryTest, AnUnknownDirectiveNamesItsLine)
+{
+    host::FakeMachine machine;
+    try {
+        host::loadMachineText(machine, "uname 6.1 x86_64\n\nfrobnicate /dev/x\n", "/m");
+        FAIL() << "no exception";
+    } catch (const host::MachineDirectoryError& e) {
+        EXPECT_STREQ(e.what(), "machine /m, line 3: unknown directive 'frobnicate'");
+    }
+}
+
+TEST(MachineDirectoryTest, BadNumbersAndMissingDataFilesAreRefused)
+{
+    host::FakeMachine machine;
+    EXPECT_THROW(host::loadMachineText(machine, "serial /dev/ttyS0 irq=four\n", "/m"), host::MachineDirectoryError);
+    EXPECT_THROW(host::loadMachineText(machine, "run nothing.txt lsusb\n", "/m"), host::MachineDirectoryError);
+    EXPECT_THROW(host::loadMachineText(machine, "node /dev/x q\n", "/m"), host::MachineDirectoryError);
+    EXPECT_THROW(host::loadMachineText(machine, "uname\n", "/m"), host::MachineDirectoryError);
+}
+
+TEST(MachineDirectoryTest, RunKeepsTheCommandLineAsWritten)
+{
+    host::FakeMachine machine;
+    host::loadMachineText(machine, "run - /sbin/lspci -v 2>&1\nmissing-command gone\\n\n", "/m");
+    host::ScopedMachine scope{machine};
+    FILE* stream = host::popen("/sbin/lspci -v 2>&1", "r");
+    EXPECT_EQ(readAll(stream), "");
+    host::pclose(stream);
+    stream = host::popen("lsusb", "r");
+    EXPECT_EQ(readAll(stream), "gone\n");
+    host::pclose(stream);
+}
