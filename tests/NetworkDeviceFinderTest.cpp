@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <sstream>
@@ -26,11 +27,25 @@ using Fields = std::vector<std::string>;
 
 const char* const kIntelName = "Intel Corporation 82540EM Gigabit Ethernet Controller";
 
+// Ends the child process of a scenario: its failures go to stderr, which the
+// parent shows, and the exit code says whether there were any.
+[[noreturn]] void exitWithScenarioResult()
+{
+    const ::testing::TestResult* result = ::testing::UnitTest::GetInstance()->current_test_info()->result();
+    for (int i = 0; i < result->total_part_count(); ++i) {
+        const ::testing::TestPartResult& part = result->GetTestPartResult(i);
+        if (part.failed()) {
+            std::fprintf(stderr, "%s:%d: %s\n", part.file_name() != nullptr ? part.file_name() : "?",
+                         part.line_number(), part.message());
+        }
+    }
+    std::exit(::testing::Test::HasFailure() ? 1 : 0);
+}
+
 // The interface list belongs to the process and is consumed as names are
 // handed out. Each scenario therefore runs in a new process: the threadsafe
 // death-test style executes this binary again for the one test, so the child
-// meets the list unread whatever ran before it here. The child reports its
-// own failures and exits with 1 if there were any.
+// meets the list unread whatever ran before it here.
 template <typename Scenario>
 void inFreshProcess(Scenario scenario)
 {
@@ -39,7 +54,7 @@ void inFreshProcess(Scenario scenario)
     EXPECT_EXIT(
         {
             scenario();
-            std::exit(::testing::Test::HasFailure() ? 1 : 0);
+            exitWithScenarioResult();
         },
         ::testing::ExitedWithCode(0), "");
     GTEST_FLAG_SET(death_test_style, style);
