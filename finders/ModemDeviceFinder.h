@@ -49,6 +49,12 @@ private:
     const char* m_errorReply;
     int m_modemIndex;
     std::vector<pciInfo> m_pciModems;
+
+    // The steps of getAllObjects.
+    void findSerialPorts(int numPorts, std::vector<std::string>& ports);
+    IWbemClassObject* probePort(const char* name, int numPorts, std::vector<std::string>& ports, int& externalIndex);
+    bool greetModem(int& fd, char* reply);
+    void coolDown(int fd);
 };
 
 } // namespace Ostrand
