@@ -1,5 +1,7 @@
 #include "tests/support/Firmware.h"
 
+#include "tests/support/Machines.h"
+
 #include <memory>
 
 namespace ostrand_test {
@@ -160,6 +162,38 @@ void SmbiosBuilder::installMemory(FakeMachine& machine, uint32_t entryOffset, ui
     auto memory = memoryOf(machine);
     memory->place(0xF0000 + entryOffset, version == 3 ? entryPoint30(tableAddress) : entryPoint21(tableAddress));
     memory->place(tableAddress, table());
+}
+
+std::string dumpEntryPoint(const std::string& dump)
+{
+    size_t length = 0;
+    if (dump.compare(0, 5, "_SM3_") == 0 && dump.size() > 6) {
+        length = static_cast<unsigned char>(dump[6]);
+    } else if (dump.compare(0, 4, "_SM_") == 0 && dump.size() > 5) {
+        length = static_cast<unsigned char>(dump[5]);
+    }
+    return dump.substr(0, length);
+}
+
+std::string dumpTable(const std::string& dump) { return dump.size() > 0x20 ? dump.substr(0x20) : std::string(); }
+
+void installDumpSysfs(FakeMachine& machine, const std::string& dump)
+{
+    machine.addFile("/sys/firmware/dmi/tables/smbios_entry_point", dumpEntryPoint(dump));
+    machine.addFile("/sys/firmware/dmi/tables/DMI", dumpTable(dump));
+}
+
+void installDumpMemory(FakeMachine& machine, const std::string& dump, uint32_t entryOffset)
+{
+    auto memory = memoryOf(machine);
+    memory->place(0, dump);
+    memory->place(0xF0000 + entryOffset, dumpEntryPoint(dump));
+}
+
+void installLabServerSmbios(FakeMachine& machine)
+{
+    machine.addFile("/sys/firmware/dmi/tables/smbios_entry_point", capture("lab-server/smbios_entry_point.bin"));
+    machine.addFile("/sys/firmware/dmi/tables/DMI", capture("lab-server/DMI.bin"));
 }
 
 PirBuilder& PirBuilder::entry(uint8_t bus, uint8_t device, uint8_t slot, uint8_t function)

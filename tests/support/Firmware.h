@@ -43,6 +43,19 @@ private:
     uint16_t m_nextHandle = 0;
 };
 
+// SMBIOS dumps in the layout of tests/captures/smbios/*/dump.bin: the entry
+// point at offset 0, the table at 0x20, which is the address the entry point states.
+std::string dumpEntryPoint(const std::string& dump); // cut at the length it states
+std::string dumpTable(const std::string& dump);
+// As the sysfs files /sys/firmware/dmi/tables/{smbios_entry_point,DMI}.
+void installDumpSysfs(Vantrel::Ostrand::host::FakeMachine& machine, const std::string& dump);
+// In /dev/mem: the whole dump at physical address 0 (so the table lies where
+// the entry point says), and the entry point again in the BIOS area at 0xF0000 + entryOffset.
+void installDumpMemory(Vantrel::Ostrand::host::FakeMachine& machine, const std::string& dump,
+                       uint32_t entryOffset = 0x100);
+// The lab server's real sysfs files (lab-server/smbios_entry_point.bin and DMI.bin).
+void installLabServerSmbios(Vantrel::Ostrand::host::FakeMachine& machine);
+
 class PirBuilder {
 public:
     PirBuilder& entry(uint8_t bus, uint8_t device, uint8_t slot, uint8_t function = 0);
