@@ -168,8 +168,9 @@ std::string LinuxUtils::getDeviceDescription() { return getPortType(m_portType);
 
 int LinuxUtils::readDmiTable(int fd, int offset, unsigned short length, unsigned short count, PortType type)
 {
-    // 1. A copy of the table.
-    std::vector<unsigned char> buffer(length);
+    // 1. A copy of the table. The buffer is never empty, so that read gets a
+    //    real address even for a length of 0.
+    std::vector<unsigned char> buffer(length > 0 ? length : 1);
     if (host::lseek(fd, offset, SEEK_SET) < 0) {
         return 0;
     }
