@@ -90,7 +90,7 @@ int FileModel::open(int) { return 0; }
 
 ssize_t FileModel::read(FakeMachine&, char* buffer, size_t count, off_t offset)
 {
-    if (offset < 0 || static_cast<size_t>(offset) >= m_bytes.size()) {
+    if (count == 0 || offset < 0 || static_cast<size_t>(offset) >= m_bytes.size()) {
         return 0;
     }
     size_t n = std::min(count, m_bytes.size() - static_cast<size_t>(offset));
@@ -112,6 +112,9 @@ int MemoryModel::open(int) { return 0; }
 
 void MemoryModel::copy(uint64_t offset, size_t count, unsigned char* out) const
 {
+    if (count == 0) {
+        return;
+    }
     std::memset(out, 0, count);
     for (const auto& area : m_areas) {
         uint64_t begin = std::max<uint64_t>(area.first, offset);
