@@ -1,0 +1,88 @@
+#!/usr/bin/env python3
+"""Writes the seed corpora of the fuzz targets from the real captures.
+
+usage: seed.py CAPTURES_DIR OUT_DIR
+"""
+import os
+import sys
+
+captures, out = sys.argv[1], sys.argv[2]
+
+
+def read(path, mode='rb'):
+    with open(os.path.join(captures, path), mode) as f:
+        return f.read()
+
+
+def put(target, name, data):
+    d = os.path.join(out, target)
+    os.makedirs(d, exist_ok=True)
+    with open(os.path.join(d, name), 'wb') as f:
+        f.write(data if isinstance(data, bytes) else data.encode('latin-1'))
+
+
+def lines(path):
+    return read(path).decode('latin-1').splitlines()
+
+
+def escaped(text):
+    # FuzzedDataProvider.ConsumeRandomLengthString: "\\\\" is one backslash,
+    # a backslash before anything else ends the string.
+    return text.replace('\\', '\\\\') + '\\x'
+
+
+for machine in ('lab-server', 'virtio-vm'):
+    n, m, v = (read(f'{machine}/lspci-{p}.txt').decode('latin-1') for p in 'nmv')
+    for i, line in enumerate(n.splitlines()):
+        put('parse_n_fuzz', f'{machine}-{i}', line)
+        put('extract_bus_dev_fn_fuzz', f'{machine}-{i}', line.split(' ')[0])
+        for j, word in enumerate(line.replace(':', ' ').split()[1:]):
+            put('from_hex_fuzz', f'{machine}-{i}-{j}', word)
+    for i, line in enumerate(m.splitlines()):
+        put('parse_m_fuzz', f'{machine}-{i}', line)
+    for i, line in enumerate(v.splitlines()):
+        if 'Bus: ' in line:
+            put('parse_bus_details_fuzz', f'{machine}-{i}', line)
+        if 'IRQ' in line:
+            put('parse_irq_fuzz', f'{machine}-{i}', line)
+        if 'I/O ports at' in line:
+            put('parse_io_ports_fuzz', f'{machine}-{i}', line)
+    put('inventory_fuzz', machine, escaped(n) + escaped(m) + v)
+
+put('parse_n_fuzz', 'old-shape', '00:02.0 Class 0300: 8086:2572 (rev 02)')
+put('parse_n_fuzz', 'domain', '0000:00:1f.2 Class 0101: 8086:27c0 (rev 01)')
+put('extract_bus_dev_fn_fuzz', 'domain', '0000:0a:03.1')
+put('inventory_fuzz', 'pcilib', escaped('pcilib: x\n00:00.0 0600: 8086:1237\n') +
+    escaped('pcilib: x\n00:00.0 "Host bridge" "V" "D"\n') + 'pcilib: x\nheader\n\tFlags: IRQ 5\n')
+put('inventory_fuzz', 'missing', escaped('sh: /sbin/lspci: command not found\n') * 2)
+
+area = read('lab-server/f-segment.bin')
+put('pir_fuzz', 'lab-server', bytes([0, 2]) + area)
+put('pir_fuzz', 'lab-server-table', bytes([1, 6]) + area[0x5C80:0x5C80 + 128])
+
+# The modem target's layout (FuzzedDataProvider): the reply pieces as escaped
+# strings from the front, the number of pieces of each command as one byte
+# each from the back, the first command's last.
+def modem_seed(replies):
+    front = ''.join(escaped(piece) for pieces in replies for piece in pieces)
+    return front.encode('latin-1') + bytes(len(pieces) for pieces in reversed(replies))
+
+
+put('modem_reply_fuzz', 'lab-server', modem_seed([
+    ['ATZ\r\r\nOK\r\n'], ['AT&K3\r\r\nOK\r\n'], ['ATQ0E0V1&C1&D2\r\r\nOK\r\n'],
+    ['\r\nLabModem 56K V.92 External\r\n', '\r\nOK\r\n']]))
+put('modem_reply_fuzz', 'silent', modem_seed([[], [], [], []]))
+put('modem_reply_fuzz', 'error', modem_seed([['OK'], [], [], ['\r\nERROR\r\n']]))
+put('modem_reply_fuzz', 'flood', modem_seed([['x' * 300] * 4, [], [], ['y' * 99 + 'OK']]))
+
+smbios = []
+for d in sorted(os.listdir(os.path.join(captures, 'smbios'))):
+    smbios.append((d, read(f'smbios/{d}/dump.bin')))
+# The dumps' layout: the entry point padded to 0x20 bytes, the table behind.
+smbios.append(('lab-server', read('lab-server/smbios_entry_point.bin').ljust(0x20, b'\0') + read('lab-server/DMI.bin')))
+for name, data in smbios:
+    put('smbios_fuzz', name, data)
+    # Byte 0x1F, behind every entry point, picks the route: 1 is /dev/mem
+    # (entry point at 0xF0100), 2 both sysfs and /dev/mem, 3 neither.
+    for route in (1, 2, 3):
+        put('smbios_fuzz', f'{name}-route{route}', data[:0x1F] + bytes([route]) + data[0x20:])
