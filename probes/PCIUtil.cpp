@@ -313,12 +313,17 @@ int PCIUtil::getPCIBusDevFunction(int index, int& bus, int& device, int& functio
 
 std::string PCIUtil::getDevAttribute(const int& index, const DeviceAttribute& attribute) const
 {
-    if (index < 0 || static_cast<size_t>(index) >= m_selection.size() || static_cast<int>(attribute) > 7) {
+    // The attribute is held as an integer, and a caller can hand over any
+    // integer: it is read as such, not as an enumerator.
+    static_assert(sizeof(DeviceAttribute) == sizeof(int), "the attribute is held as an int");
+    int which = 0;
+    std::memcpy(&which, &attribute, sizeof which);
+    if (index < 0 || static_cast<size_t>(index) >= m_selection.size() || which > 7) {
         return "";
     }
     const pci_device& device = m_selection[index];
     LinuxUtils utils;
-    switch (attribute) {
+    switch (which) {
     case PCI_ATTR_NAME:
         return device.deviceName;
     case PCI_ATTR_LOCATION:

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -135,6 +136,17 @@ std::vector<pci_device> virtioVmInventory()
                  "Red Hat, Inc. Virtio 1.0 RNG", 0, ""),
     };
 }
+
+// An attribute as the integer the caller holds; above 7 it is no
+// enumerator, so it is only ever passed by reference, never loaded.
+struct HeldAttribute {
+    explicit HeldAttribute(int number)
+    {
+        static_assert(sizeof value == sizeof number, "the attribute is held as an int");
+        std::memcpy(&value, &number, sizeof number);
+    }
+    PCIUtil::DeviceAttribute value;
+};
 
 std::string replaceOnce(std::string text, const std::string& from, const std::string& to)
 {
@@ -552,6 +564,26 @@ TEST_F(PciInventoryTest, EmptyLinesAreSkippedAndOtherLinesAreHeaders)
     EXPECT_EQ(devices[1].irq, 4);
 }
 
+TEST_F(PciInventoryTest, TheFirstVerboseLineIsTakenForTheHeaderWhateverItIs)
+{
+    // The first-line test comes before the empty-line and tab tests: an
+    // empty first line, or a detail line, is taken for the first header.
+    std::vector<pci_device> emptyFirst = read("00:00.0 0600: 8086:1237\n00:01.0 0601: 8086:7000\n",
+                                              "00:00.0 \"A\" \"B\" \"C\"\n00:01.0 \"D\" \"E\" \"F\"\n",
+                                              "\n00:00.0 A: B C\n\tFlags: IRQ 3\n\n00:01.0 D: E F\n\tFlags: IRQ 4\n");
+    ASSERT_EQ(emptyFirst.size(), 2u);
+    EXPECT_EQ(emptyFirst[0].irq, 0);
+    EXPECT_EQ(emptyFirst[1].irq, 3);
+}
+
+TEST_F(PciInventoryTest, ADetailLineFirstIsTakenForTheHeader)
+{
+    std::vector<pci_device> devices = read("00:00.0 0600: 8086:1237\n", "00:00.0 \"A\" \"B\" \"C\"\n",
+                                           "\tFlags: IRQ 3\n\tFlags: IRQ 4\n");
+    ASSERT_EQ(devices.size(), 1u);
+    EXPECT_EQ(devices[0].irq, 4);
+}
+
 TEST_F(PciInventoryTest, MoreVerboseBlocksThanDevicesWriteNothingPastTheInventory)
 {
     std::vector<pci_device> devices =
@@ -649,6 +681,16 @@ TEST_F(PciInventoryTest, ParseNDomainOnTheNewShapeComesOutWrong)
     pci.parseN("0000:00:02.0 0300: 8086:2572 (rev 02)", &d);
     pci_device wanted =
         expected("00:02.0 0300: 8086:2572 (rev 02)", "0", 0, 2, 0x8086, 0, 0, 2, 2, 0, "", "", 0, "");
+    EXPECT_EQ(describe(d), describe(wanted));
+}
+
+TEST_F(PciInventoryTest, ParseNTakesClassZeroOnTheNewShapeForADomain)
+{
+    // "0000:" anywhere in the line counts as a domain: the class 0000 of an
+    // unclassified device makes the slot text start at position 5.
+    pci_device d;
+    pci.parseN("00:02.0 0000: 8086:1234", &d);
+    pci_device wanted = expected(".0", "0000", 0, 0, 0, 0, 0x8086, 0x1234, 0, 0, "", "", 0, "");
     EXPECT_EQ(describe(d), describe(wanted));
 }
 
@@ -879,7 +921,8 @@ TEST_F(PciInventoryTest, GetDevAttributeForEveryAttribute)
     EXPECT_EQ(pci.getDevAttribute(index, PCIUtil::PCI_ATTR_IO_PORTS), "1080");
     EXPECT_EQ(pci.getDevAttribute(index, PCIUtil::PCI_ATTR_BUS_DEV_FN), "02:04.0");
     // Above 7: the empty text.
-    EXPECT_EQ(pci.getDevAttribute(index, static_cast<PCIUtil::DeviceAttribute>(8)), "");
+    EXPECT_EQ(pci.getDevAttribute(index, HeldAttribute(8).value), "");
+    EXPECT_EQ(pci.getDevAttribute(index, HeldAttribute(-1).value), "");
     EXPECT_EQ(pci.getDevAttribute(0, PCIUtil::PCI_ATTR_LOCATION), "PCI Bus 0, Device 30, Function 3");
     EXPECT_EQ(pci.getDevAttribute(0, PCIUtil::PCI_ATTR_IO_PORTS), "e000");
 }
@@ -893,8 +936,8 @@ TEST_F(PciInventoryTest, GetDevAttributeNoneIsEmptyForEveryIndexAndTheSizeToo)
         EXPECT_EQ(pci.getDevAttribute(i, PCIUtil::PCI_ATTR_NONE), "") << i;
     }
     for (int attribute = 0; attribute <= 8; ++attribute) {
-        EXPECT_EQ(pci.getDevAttribute(count, static_cast<PCIUtil::DeviceAttribute>(attribute)), "") << attribute;
-        EXPECT_EQ(pci.getDevAttribute(-1, static_cast<PCIUtil::DeviceAttribute>(attribute)), "") << attribute;
+        EXPECT_EQ(pci.getDevAttribute(count, HeldAttribute(attribute).value), "") << attribute;
+        EXPECT_EQ(pci.getDevAttribute(-1, HeldAttribute(attribute).value), "") << attribute;
     }
 }
 
