@@ -1,0 +1,656 @@
+// Malformed machines, one row each: missing and broken tools, odd tool output,
+// an empty /dev/, unreadable or empty firmware areas, broken SMBIOS tables and
+// modems that flood or never stop. Each row runs the finders it concerns (
+// through the facade where the inventory matters) and states what they return,
+// which exception (if any) reaches the caller, and which descriptors, streams
+// and mappings are still open afterwards. Under the sanitizers each row also
+// shows that nothing read out of bounds.
+#include "finders/MemoryDeviceFinder.h"
+#include "finders/ModemDeviceFinder.h"
+#include "finders/NetworkDeviceFinder.h"
+#include "finders/PCIDeviceFinder.h"
+#include "finders/ParallelPortFinder.h"
+#include "finders/SerialPortFinder.h"
+#include "frame/CWmiInfo.h"
+#include "host/FakeMachine.h"
+#include "platform/smbios/SmbiosException.h"
+#include "platform/smbios/SmbiosFactory.h"
+#include "probes/LinuxUtils.h"
+#include "probes/PCIUtil.h"
+#include "tests/support/Firmware.h"
+#include "tests/support/Machines.h"
+#include "tests/support/Modems.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+using namespace Vantrel::Ostrand;
+using ostrand_test::field;
+using ostrand_test::fields;
+using ostrand_test::SmbiosBuilder;
+
+namespace {
+
+using Fields = std::vector<std::string>;
+
+const char* const kEntryPointFile = "/sys/firmware/dmi/tables/smbios_entry_point";
+const char* const kTableFile = "/sys/firmware/dmi/tables/DMI";
+
+// The records of one enumeration through the facade, copied out of it.
+std::vector<IWbemClassObject> enumerate(IDeviceFinder& finder)
+{
+    CWmiInfo* info = CWmiInfo::getCWMIInfoInstance();
+    info->getEnumerateDeviceHandle(&finder);
+    std::vector<IWbemClassObject> records;
+    IWbemClassObject* record = nullptr;
+    while (info->Next(0, 0, record) != 0) {
+        records.push_back(*record);
+    }
+    return records;
+}
+
+// The same without the facade, for the finders that need no inventory.
+std::vector<IWbemClassObject> direct(IDeviceFinder& finder)
+{
+    std::vector<IWbemClassObject> records;
+    finder.getAllObjects(nullptr, records);
+    return records;
+}
+
+std::vector<pci_device> inventory()
+{
+    PCIUtil pci;
+    pci.initPciUtil();
+    std::vector<pci_device> devices;
+    pci.getAllPCIDevices(devices);
+    return devices;
+}
+
+Fields pciBus(int bus)
+{
+    std::string n = std::to_string(bus);
+    return {"PCI_BUS_" + n, "", "", "PCI_BUS_DEV_DESC", "PCI Bus " + n, "PCI Bus " + n, "System Board", "PCI_BUS",
+            "", "", "", "", ""};
+}
+
+Fields serialPlaceholder(int number, const std::string& key)
+{
+    std::string n = std::to_string(number);
+    return {"SERIAL_PORT_" + n, "", "", key, "Serial Port " + n, "Serial Port " + n, "System Board!ISA Bus", "", "", "",
+            "", "", "Communication Port"};
+}
+
+// A board with two serial connectors of port type 9 and one parallel of type 5.
+SmbiosBuilder twoSerialOneParallel()
+{
+    SmbiosBuilder smbios;
+    smbios.system("Lab Board").port(0, 9).port(0, 9).port(0, 5);
+    return smbios;
+}
+
+// Two populated memory slots behind the system structure.
+SmbiosBuilder twoModules()
+{
+    SmbiosBuilder smbios;
+    smbios.system("Lab Board").memory(2048, "DIMM_A1", "BANK 0").memory(0x8200, "DIMM_A2", "BANK 1");
+    return smbios;
+}
+
+// Installs a table (as it is, perhaps broken) with a 3.x entry point, which
+// has no structure count: the bytes alone decide where the walk ends.
+void installTable(host::FakeMachine& machine, const SmbiosBuilder& builder, const std::string& table)
+{
+    machine.addFile(kEntryPointFile, builder.entryPoint30(0));
+    machine.addFile(kTableFile, table);
+}
+
+// A serial port whose modem never stops talking: every read delivers a full
+// buffer of noise without "OK" and costs 50 ms of the machine's time.
+class ChatteringSerial : public host::SerialModel {
+public:
+    ChatteringSerial() : SerialModel(4, 0x3F8, 4) {}
+    ssize_t read(host::FakeMachine& machine, char* buffer, size_t count, off_t) override
+    {
+        machine.clock().advance(50000);
+        for (size_t i = 0; i < count; ++i) {
+            buffer[i] = "noise\r\n"[i % 7];
+        }
+        ++reads;
+        return static_cast<ssize_t>(count);
+    }
+    ssize_t write(host::FakeMachine&, const char*, size_t count, off_t) override { return static_cast<ssize_t>(count); }
+    int reads = 0;
+};
+
+struct Row {
+    const char* name;
+    std::function<void(host::FakeMachine&)> build;
+    std::function<void(host::FakeMachine&)> check;
+};
+
+void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
+
+class MalformedMachineTest : public ::testing::TestWithParam<Row> {
+protected:
+    void SetUp() override { smbios::SmbiosFactory::reset(); }
+    void TearDown() override
+    {
+        if (CWmiInfo::_CWmiInfoInstance != nullptr) {
+            CWmiInfo::_CWmiInfoInstance->freeEnumerateDeviceHandle();
+        }
+        smbios::SmbiosFactory::reset();
+    }
+    host::FakeMachine machine;
+    host::ScopedMachine scope{machine};
+};
+
+TEST_P(MalformedMachineTest, GivesWhatItShouldAndCrashesNot)
+{
+    GetParam().build(machine);
+    GetParam().check(machine);
+}
+
+const Row kRows[] = {
+    {"NoLspciAtAll",
+     // No command is known: the shell's complaint comes on each pipe.
+     [](host::FakeMachine&) {},
+     [](host::FakeMachine& machine) {
+         PCIDeviceFinder finder;
+         std::vector<IWbemClassObject> records = enumerate(finder);
+         // The complaint is one device: its class reads as 0 and its bus as 0.
+         ASSERT_EQ(records.size(), 1u);
+         EXPECT_EQ(fields(records[0]), pciBus(0));
+         EXPECT_EQ(machine.timesRun(ostrand_test::kLspciN), 1);
+         EXPECT_EQ(machine.timesRun(ostrand_test::kLspciM), 1);
+         EXPECT_EQ(machine.timesRun(ostrand_test::kLspciV), 1);
+         std::vector<pci_device> devices = inventory();
+         ASSERT_EQ(devices.size(), 1u);
+         const std::string complaint = "sh: /sbin/lspci: command not found";
+         EXPECT_EQ(devices[0].busDevFn, "sh: /sbin/");
+         EXPECT_EQ(devices[0].className, complaint);
+         EXPECT_EQ(devices[0].vendorName, complaint);
+         EXPECT_EQ(devices[0].deviceName, complaint + " " + complaint);
+         EXPECT_EQ(devices[0].classCode, 0);
+         EXPECT_EQ(devices[0].progIf, -1);
+         EXPECT_EQ(devices[0].irq, 0);
+         EXPECT_EQ(machine.openStreams(), 0u);
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"ToolsPrintNothing",
+     [](host::FakeMachine& machine) { ostrand_test::addLspci(machine, "", "", ""); },
+     [](host::FakeMachine& machine) {
+         PCIDeviceFinder pciFinder;
+         EXPECT_TRUE(enumerate(pciFinder).empty());
+         NetworkDeviceFinder network;
+         EXPECT_TRUE(enumerate(network).empty());
+         EXPECT_TRUE(inventory().empty());
+         EXPECT_EQ(machine.openStreams(), 0u);
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"DashComplaintIsOneDevice",
+     [](host::FakeMachine& machine) {
+         const std::string complaint = "sh: 1: /sbin/lspci: not found\n";
+         ostrand_test::addLspci(machine, complaint, complaint, complaint);
+     },
+     [](host::FakeMachine& machine) {
+         PCIDeviceFinder finder;
+         std::vector<IWbemClassObject> records = enumerate(finder);
+         ASSERT_EQ(records.size(), 1u);
+         EXPECT_EQ(fields(records[0]), pciBus(0));
+         std::vector<pci_device> devices = inventory();
+         ASSERT_EQ(devices.size(), 1u);
+         // The second colon is the one behind "1": the slot is empty, the
+         // "vendor" is the 1.
+         EXPECT_EQ(devices[0].busDevFn, "");
+         EXPECT_EQ(devices[0].vendorId, 1);
+         EXPECT_EQ(devices[0].deviceId, 0);
+         EXPECT_EQ(devices[0].className, "sh: 1: /sbin/lspci: not found");
+         EXPECT_EQ(machine.openStreams(), 0u);
+     }},
+
+    {"ComplaintWithoutColonThrowsOutOfRangeAndLeavesBothPipesOpen",
+     [](host::FakeMachine& machine) { ostrand_test::addLspci(machine, "Killed\n", "Killed\n", "Killed\n"); },
+     [](host::FakeMachine& machine) {
+         try {
+             CWmiInfo::getCWMIInfoInstance();
+             FAIL() << "no exception";
+         } catch (const std::out_of_range& e) {
+             // The library's text begins with these words and goes on with the positions.
+             EXPECT_EQ(std::string(e.what()).rfind("basic_string::substr", 0), 0u) << e.what();
+         }
+         EXPECT_EQ(CWmiInfo::_CWmiInfoInstance, nullptr);
+         // The -n and -m pipes stay open; the -v pass never ran.
+         EXPECT_EQ(machine.openStreams(), 2u);
+         EXPECT_EQ(machine.timesRun(ostrand_test::kLspciV), 0);
+         // The next call starts over.
+         ostrand_test::addLspci(machine, "", "", "");
+         PCIDeviceFinder finder;
+         EXPECT_TRUE(enumerate(finder).empty());
+         EXPECT_EQ(machine.timesRun(ostrand_test::kLspciN), 2);
+         EXPECT_EQ(machine.openStreams(), 2u);
+     }},
+
+    {"TruncatedLines",
+     [](host::FakeMachine& machine) {
+         ostrand_test::addLspci(machine, "00:1f.2 0101: 80\n", "00:1f.2 \"IDE inter\n",
+                                "00:1f.2 IDE\n\tFlags: bus master, IRQ\n\tI/O ports at d0\n\tBus: primary=0\n");
+     },
+     [](host::FakeMachine& machine) {
+         std::vector<pci_device> devices = inventory();
+         ASSERT_EQ(devices.size(), 1u);
+         EXPECT_EQ(devices[0].busDevFn, "00:1f.2");
+         EXPECT_EQ(devices[0].classCode, 0x0101);
+         EXPECT_EQ(devices[0].vendorId, 0x80);
+         // No "(" or "r": the device text runs from behind the cut-off
+         // vendor's colon, which is none, so from the start: 00 gives 0.
+         EXPECT_EQ(devices[0].deviceId, 0);
+         // One quote: every later search starts over at the beginning.
+         EXPECT_EQ(devices[0].className, "IDE inter");
+         EXPECT_EQ(devices[0].vendorName, "IDE inter");
+         EXPECT_EQ(devices[0].deviceName, "IDE inter IDE inter");
+         EXPECT_EQ(devices[0].irq, 0);
+         EXPECT_EQ(devices[0].ioPortsAddr, "d0");
+         EXPECT_EQ(devices[0].primaryBus, 0);
+
+         PCIDeviceFinder finder;
+         std::vector<IWbemClassObject> records = enumerate(finder);
+         ASSERT_EQ(records.size(), 2u);
+         EXPECT_EQ(fields(records[0]),
+                   (Fields{"IDE_BUS_CONTROLLER_NAME", "", "", "IDE inter IDE inter", "PCI Bus 0, Device 31, Function 2",
+                           "PCI Bus 0, Device 31, Function 2", "System Board!PCI Bus 0", "IDE_BUS_CONTROLLER", "", "",
+                           "", "", ""}));
+         EXPECT_EQ(fields(records[1]), pciBus(0));
+         EXPECT_EQ(machine.openStreams(), 0u);
+     }},
+
+    {"OversizedLines",
+     [](host::FakeMachine& machine) {
+         std::string longName(280, 'X');
+         ostrand_test::addLspci(machine, "00:00.0 0600: 8086:1237 (rev 02)\n00:01.2 0c03: 8086:7020 (rev 01)\n",
+                                "00:00.0 \"Host bridge\" \"Vendor\" \"" + longName +
+                                    "\"\n00:01.2 \"USB controller\" \"Intel\" \"UHCI\" -p00\n",
+                                "00:00.0 Host bridge\n\tFlags: IRQ 5 " + std::string(260, 'y') +
+                                    "\n\tFlags: IRQ 6\n00:01.2 USB\n\tFlags: IRQ 11\n");
+     },
+     [](host::FakeMachine& machine) {
+         std::vector<pci_device> devices = inventory();
+         // The -m line of 300 characters comes in two pieces: the second
+         // piece is paired with the second -n line, and the -n text ends first.
+         ASSERT_EQ(devices.size(), 2u);
+         EXPECT_EQ(devices[0].className, "Host bridge");
+         EXPECT_EQ(devices[0].vendorName, "Vendor");
+         // 255 bytes arrive, of which the last is cut as if it were the newline.
+         const size_t nameStart = std::string("00:00.0 \"Host bridge\" \"Vendor\" \"").size();
+         EXPECT_EQ(devices[0].deviceName, "Vendor " + std::string(254 - nameStart, 'X'));
+         EXPECT_EQ(devices[1].busDevFn, "00:01.2");
+         EXPECT_EQ(devices[1].classCode, 0x0C03);
+         EXPECT_EQ(devices[1].className, "");
+         EXPECT_EQ(devices[1].deviceName, " ");
+         EXPECT_EQ(devices[1].progIf, -1);
+         // The long -v line's second piece counts as the next header: the
+         // IRQ 6 line goes to the second device, and the real second header
+         // moves the pointer past the inventory, where IRQ 11 is dropped.
+         EXPECT_EQ(devices[0].irq, 5);
+         EXPECT_EQ(devices[1].irq, 6);
+
+         PCIDeviceFinder finder;
+         std::vector<IWbemClassObject> records = enumerate(finder);
+         ASSERT_EQ(records.size(), 2u);
+         EXPECT_EQ(fields(records[0]), pciBus(0));
+         EXPECT_EQ(field(records[1], "DeviceName"), "USB_BUS_CONTROLLER_NAME");
+         EXPECT_EQ(field(records[1], "DeviceDescription"), " ");
+         EXPECT_EQ(machine.openStreams(), 0u);
+     }},
+
+    {"MoreVerboseBlocksThanInventory",
+     [](host::FakeMachine& machine) {
+         std::string v;
+         for (int i = 0; i < 300; ++i) {
+             v += "00:0" + std::to_string(i % 10) + ".0 Device\n\tFlags: IRQ " + std::to_string(i + 1) +
+                  "\n\tBus: primary=0" + std::to_string(i % 10) + ", secondary=07, subordinate=09\n\n";
+         }
+         ostrand_test::addLspci(machine, "00:01.2 0c03: 8086:7020 (rev 01)\n",
+                                "00:01.2 \"USB controller\" \"Intel\" \"UHCI\" -p00\n", v);
+     },
+     [](host::FakeMachine& machine) {
+         std::vector<pci_device> devices = inventory();
+         ASSERT_EQ(devices.size(), 1u);
+         EXPECT_EQ(devices[0].irq, 1);
+         EXPECT_EQ(devices[0].primaryBus, 0);
+         EXPECT_EQ(devices[0].secondaryBus, 7);
+         EXPECT_EQ(devices[0].subordinateBus, 9);
+         PCIDeviceFinder finder;
+         std::vector<IWbemClassObject> records = enumerate(finder);
+         ASSERT_EQ(records.size(), 2u);
+         EXPECT_EQ(field(records[0], "DeviceName"), "USB_BUS_CONTROLLER_NAME");
+         EXPECT_EQ(fields(records[1]), pciBus(0));
+         EXPECT_EQ(machine.openStreams(), 0u);
+     }},
+
+    {"VerboseTextWithEmptyInventory",
+     [](host::FakeMachine& machine) {
+         ostrand_test::addLspci(machine, "", "", ostrand_test::capture("lab-server/lspci-v.txt"));
+     },
+     [](host::FakeMachine& machine) {
+         EXPECT_TRUE(inventory().empty());
+         PCIDeviceFinder finder;
+         EXPECT_TRUE(enumerate(finder).empty());
+         EXPECT_EQ(machine.openStreams(), 0u);
+     }},
+
+    {"ThreeHundredBuses",
+     // Bus numbers from text are any number: more distinct ones than the
+     // finder's list holds.
+     [](host::FakeMachine& machine) {
+         std::string n;
+         std::string m;
+         for (int bus = 0; bus < 300; ++bus) {
+             char slot[16];
+             std::snprintf(slot, sizeof slot, "%x:00.0", bus);
+             n += std::string(slot) + " 0200: 8086:100e (rev 03)\n";
+             m += std::string(slot) + " \"Ethernet controller\" \"Intel\" \"E1000\"\n";
+         }
+         ostrand_test::addLspci(machine, n, m, "");
+     },
+     [](host::FakeMachine& machine) {
+         PCIDeviceFinder finder;
+         std::vector<IWbemClassObject> records = enumerate(finder);
+         ASSERT_EQ(records.size(), 300u);
+         EXPECT_EQ(fields(records[0]), pciBus(0));
+         EXPECT_EQ(fields(records[254]), pciBus(254));
+         EXPECT_EQ(fields(records[299]), pciBus(299));
+         EXPECT_EQ(machine.openStreams(), 0u);
+     }},
+
+    {"EmptyDev",
+     [](host::FakeMachine& machine) {
+         ostrand_test::addLabServerLspci(machine);
+         twoSerialOneParallel().installSysfs(machine);
+     },
+     [](host::FakeMachine& machine) {
+         SerialPortFinder serial;
+         std::vector<IWbemClassObject> records = enumerate(serial);
+         ASSERT_EQ(records.size(), 2u);
+         EXPECT_EQ(fields(records[0]), serialPlaceholder(0, "SERIAL_PORT_DESC3"));
+         EXPECT_EQ(fields(records[1]), serialPlaceholder(1, "SERIAL_PORT_DESC3"));
+         EXPECT_EQ(records[0].getValue(), 1);
+         EXPECT_EQ(records[1].getValue(), 1);
+
+         ParallelPortFinder parallel;
+         records = enumerate(parallel);
+         ASSERT_EQ(records.size(), 1u);
+         EXPECT_EQ(fields(records[0]),
+                   (Fields{"PARALLEL_PORT_0", "", "/dev/lp0", "PARALLEL_PORT_DESC4", "Parallel Port 0",
+                           "Parallel Port 0", "System Board!ISA Bus", "", "", "", "", "", "Embedded"}));
+
+         ModemDeviceFinder modem;
+         EXPECT_TRUE(enumerate(modem).empty());
+         // Only the pause after the port search: no port was spoken to.
+         ASSERT_EQ(machine.sleeps().size(), 1u);
+         EXPECT_EQ(machine.sleeps()[0].microseconds, 2000000);
+         EXPECT_TRUE(machine.openDescriptors().empty());
+         EXPECT_EQ(machine.openMappings(), 0u);
+     }},
+
+    {"UnreadableDevMemWithSysfsTable",
+     [](host::FakeMachine& machine) {
+         ostrand_test::addLabServerLspci(machine);
+         twoSerialOneParallel().installSysfs(machine);
+         machine.denyOpen("/dev/mem", EACCES);
+     },
+     [](host::FakeMachine& machine) {
+         NetworkDeviceFinder network;
+         std::vector<IWbemClassObject> records = enumerate(network);
+         ASSERT_EQ(records.size(), 3u);
+         for (auto& record : records) {
+             EXPECT_EQ(field(record, "DeviceName"), "Intel Corporation 82540EM Gigabit Ethernet Controller");
+             EXPECT_EQ(field(record, "DeviceAdditionalHWInfo"), "");
+         }
+         EXPECT_EQ(field(records[2], "DeviceLocation"), "PCI Bus 1, Device 1, Function 0");
+         SerialPortFinder serial;
+         EXPECT_EQ(enumerate(serial).size(), 2u);
+         EXPECT_TRUE(machine.openDescriptors().empty());
+         EXPECT_EQ(machine.openMappings(), 0u);
+     }},
+
+    {"NoSmbiosAnywhereAndUnreadableDevMem",
+     [](host::FakeMachine& machine) {
+         ostrand_test::addLspci(machine, "", "", "");
+         machine.denyOpen("/dev/mem", EACCES);
+     },
+     [](host::FakeMachine& machine) {
+         // The table cannot be had: the interface's exception reaches the caller.
+         MemoryDeviceFinder memory;
+         EXPECT_THROW(enumerate(memory), smbios::SmbiosException);
+         SerialPortFinder serial;
+         EXPECT_THROW(enumerate(serial), smbios::SmbiosException);
+         ParallelPortFinder parallel;
+         EXPECT_THROW(enumerate(parallel), smbios::SmbiosException);
+         ModemDeviceFinder modem;
+         EXPECT_THROW(enumerate(modem), smbios::SmbiosException);
+         EXPECT_TRUE(machine.openDescriptors().empty());
+         EXPECT_EQ(machine.openMappings(), 0u);
+     }},
+
+    {"NoPirTable",
+     [](host::FakeMachine& machine) {
+         ostrand_test::addLabServerLspci(machine);
+         // Physical memory that reads as zeros everywhere.
+         machine.addNode("/dev/mem", 'c', std::make_shared<host::MemoryModel>());
+     },
+     [](host::FakeMachine& machine) {
+         NetworkDeviceFinder network;
+         std::vector<IWbemClassObject> records = enumerate(network);
+         ASSERT_EQ(records.size(), 3u);
+         for (auto& record : records) {
+             EXPECT_EQ(field(record, "DeviceAdditionalHWInfo"), "");
+         }
+         LinuxUtils utils;
+         EXPECT_EQ(utils.getSlotInfo(0, 2), "");
+         EXPECT_TRUE(machine.openDescriptors().empty());
+         EXPECT_EQ(machine.openMappings(), 0u);
+     }},
+
+    {"PirTableCutByTheEndOfTheArea",
+     [](host::FakeMachine& machine) {
+         // The table's last place in the area, with a size field that claims
+         // many entries beyond it.
+         ostrand_test::PirBuilder pir;
+         pir.entry(0, 2, 1).entry(0, 3, 2);
+         std::string area = pir.area(0xFFE0);
+         area[0xFFE0 + 6] = static_cast<char>(0xFF);
+         area[0xFFE0 + 7] = static_cast<char>(0x7F);
+         auto memory = std::make_shared<host::MemoryModel>();
+         memory->place(0xF0000, area.substr(0, 0x10000));
+         machine.addNode("/dev/mem", 'c', memory);
+     },
+     [](host::FakeMachine& machine) {
+         LinuxUtils utils;
+         // Only the header fits: no entry is read.
+         EXPECT_EQ(utils.getSlotInfo(0, 2), "");
+         EXPECT_TRUE(machine.openDescriptors().empty());
+         EXPECT_EQ(machine.openMappings(), 0u);
+     }},
+
+    {"TruncatedSmbiosTable",
+     [](host::FakeMachine& machine) {
+         SmbiosBuilder smbios = twoModules();
+         std::string table = smbios.table();
+         // Cut inside the strings of the second memory structure.
+         size_t second = table.find("DIMM_A2");
+         ASSERT_NE(second, std::string::npos);
+         installTable(machine, smbios, table.substr(0, second + 3));
+     },
+     [](host::FakeMachine& machine) {
+         MemoryDeviceFinder memory;
+         std::vector<IWbemClassObject> records = direct(memory);
+         ASSERT_EQ(records.size(), 1u);
+         EXPECT_EQ(fields(records[0]),
+                   (Fields{"Memory Device 0", "DIMMDevice", "", "MEM_DIMM_DEV_DESC", "Memory Device 0", "Memory Device 0",
+                           "System Board!Memory", "MEMORY_DIMM", "", "", "", "", "BANK 0 DIMM_A1 : 2048 MB"}));
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"SmbiosStructureWithLengthBelowItsHeader",
+     [](host::FakeMachine& machine) {
+         SmbiosBuilder smbios;
+         smbios.system("Lab Board").memory(2048, "DIMM_A1", "BANK 0");
+         smbios.raw(std::string("\x11\x02\x30\x00\x00\x00", 6));
+         smbios.memory(1024, "DIMM_A2", "BANK 1").port(0, 9);
+         smbios.installSysfs(machine, 3);
+     },
+     [](host::FakeMachine& machine) {
+         MemoryDeviceFinder memory;
+         std::vector<IWbemClassObject> records = direct(memory);
+         // The walk ends at the broken structure: what lies behind is lost.
+         ASSERT_EQ(records.size(), 1u);
+         EXPECT_EQ(field(records[0], "DeviceAdditionalHWInfo"), "BANK 0 DIMM_A1 : 2048 MB");
+         LinuxUtils utils;
+         EXPECT_EQ(utils.getNumOfPorts(LinuxUtils::PORT_TYPE_SERIAL), 0);
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"SmbiosStructureLongerThanTheTable",
+     [](host::FakeMachine& machine) {
+         SmbiosBuilder smbios;
+         smbios.system("Lab Board").port(0, 9);
+         std::string table = smbios.table();
+         // A memory structure whose formatted area claims 200 bytes, at the end.
+         std::string broken = std::string("\x11\xC8\x40\x00", 4) + std::string(20, '\x01');
+         installTable(machine, smbios, table.substr(0, table.size() - 6) + broken);
+     },
+     [](host::FakeMachine& machine) {
+         MemoryDeviceFinder memory;
+         EXPECT_TRUE(direct(memory).empty());
+         LinuxUtils utils;
+         EXPECT_EQ(utils.getNumOfPorts(LinuxUtils::PORT_TYPE_SERIAL), 1);
+         EXPECT_EQ(utils.getDeviceDescription(), "SERIAL_PORT_DESC3");
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"SmbiosStringsOutOfRange",
+     [](host::FakeMachine& machine) {
+         SmbiosBuilder smbios;
+         smbios.system("Lab Board");
+         // Size 2048 MB; device locator string 5 and bank locator string 1 of one string.
+         std::vector<uint8_t> formatted(0x1B - 4, 0);
+         formatted[12 - 4] = 0x00;
+         formatted[13 - 4] = 0x08;
+         formatted[16 - 4] = 5;
+         formatted[17 - 4] = 1;
+         smbios.add(17, formatted, {"BANK 7"});
+         // Both strings beyond the structure's none.
+         formatted[16 - 4] = 2;
+         formatted[17 - 4] = 3;
+         smbios.add(17, formatted, {});
+         smbios.installSysfs(machine);
+     },
+     [](host::FakeMachine& machine) {
+         MemoryDeviceFinder memory;
+         std::vector<IWbemClassObject> records = direct(memory);
+         ASSERT_EQ(records.size(), 2u);
+         EXPECT_EQ(field(records[0], "DeviceAdditionalHWInfo"), "BANK 7  : 2048 MB");
+         EXPECT_EQ(field(records[1], "DeviceAdditionalHWInfo"), " : 2048 MB");
+         EXPECT_EQ(field(records[1], "DeviceName"), "Memory Device 1");
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"SmbiosProductNameOutOfRange",
+     [](host::FakeMachine& machine) {
+         SmbiosBuilder smbios;
+         std::vector<uint8_t> formatted(0x1B - 4, 0);
+         formatted[0] = 1;
+         formatted[1] = 9; // the product name: string 9 of one
+         smbios.add(1, formatted, {"Fake Maker"}).port(0, 9).port(0, 5);
+         smbios.installSysfs(machine);
+     },
+     [](host::FakeMachine& machine) {
+         // The product name is read uncaught: the interface's exception
+         // reaches the caller of either port finder.
+         SerialPortFinder serial;
+         EXPECT_THROW(direct(serial), smbios::SmbiosException);
+         ParallelPortFinder parallel;
+         EXPECT_THROW(direct(parallel), smbios::SmbiosException);
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"ModemFloodsItsReplies",
+     [](host::FakeMachine& machine) {
+         twoSerialOneParallel().installSysfs(machine);
+         ostrand_test::addLspci(machine, "", "", "");
+         const std::string noise(250, 'x');
+         const std::string name(120, 'M');
+         std::string script;
+         for (const char* command : {"ATZ\\r", "AT&K3\\r", "ATQ0E0V1&C1&D2\\r"}) {
+             script += std::string("> ") + command + "\n< " + noise + "\\r\\nOK\\r\\n\n";
+         }
+         script += "> ATI3\\r\n< \\r\\n" + name + "\\r\\nOK\\r\\n\n";
+         ostrand_test::addSerialNode(machine, "/dev/ttyS0", 0x3F8, 4, script);
+     },
+     [](host::FakeMachine& machine) {
+         ModemDeviceFinder modem;
+         std::vector<IWbemClassObject> records = enumerate(modem);
+         ASSERT_EQ(records.size(), 1u);
+         // The identification arrives in two reads of 99 bytes; the second
+         // holds the rest of the name and the OK, and that read stands.
+         const std::string name(23, 'M');
+         EXPECT_EQ(fields(records[0]),
+                   (Fields{"EXTERNAL_MODEM", "", "/dev/ttyS0", name, "Serial Port 0, Modem 0",
+                           "Serial Port 0/Serial Port 0, Modem 0", "System Board!ISA Bus!Serial Port 0", "", name, "",
+                           "", "", "External Modem : " + name}));
+         auto port = std::dynamic_pointer_cast<ostrand_test::ProbedSerial>(machine.model("/dev/ttyS0"));
+         ASSERT_NE(port, nullptr);
+         for (size_t size : port->readSizes()) {
+             EXPECT_LT(size, 100u);
+         }
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"ModemNeverStopsSending",
+     [](host::FakeMachine& machine) {
+         twoSerialOneParallel().installSysfs(machine);
+         ostrand_test::addLspci(machine, "", "", "");
+         machine.addNode("/dev/ttyS0", 'c', std::make_shared<ChatteringSerial>());
+     },
+     [](host::FakeMachine& machine) {
+         ModemDeviceFinder modem;
+         EXPECT_TRUE(enumerate(modem).empty());
+         auto port = std::dynamic_pointer_cast<ChatteringSerial>(machine.model("/dev/ttyS0"));
+         ASSERT_NE(port, nullptr);
+         EXPECT_GT(port->reads, 0);
+         // The reset times out after 10 s of reading noise; then the cool down.
+         EXPECT_GE(machine.clock().elapsed(), 2000000 + 10000000 + 10000000);
+         EXPECT_LT(machine.clock().elapsed(), 2000000 + 12000000 + 10000000);
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"InternalModemWithoutPciMatchKeepsItsDescriptor",
+     [](host::FakeMachine& machine) {
+         // No serial connector in the firmware: every answering node is internal.
+         SmbiosBuilder smbios;
+         smbios.system("Lab Board");
+         smbios.installSysfs(machine);
+         ostrand_test::addLspci(machine, "", "", "");
+         ostrand_test::addSerialNode(machine, "/dev/ttySL0", 0x2F8, 3,
+                                     "> ATZ\\r\n< OK\\r\\n\n> ATI3\\r\n< \\r\\nSoftModem\\r\\nOK\\r\\n\n");
+     },
+     [](host::FakeMachine& machine) {
+         ModemDeviceFinder modem;
+         EXPECT_TRUE(enumerate(modem).empty());
+         EXPECT_EQ(machine.openDescriptors(), std::vector<std::string>{"/dev/ttySL0"});
+     }},
+};
+
+std::string rowName(const ::testing::TestParamInfo<Row>& info) { return info.param.name; }
+
+INSTANTIATE_TEST_SUITE_P(Rows, MalformedMachineTest, ::testing::ValuesIn(kRows), rowName);
+
+} // namespace
