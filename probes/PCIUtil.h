@@ -33,7 +33,7 @@ namespace Ostrand {
 
 class OSTRAND_API PCIUtil {
 public:
-    enum DeviceAttribute {
+    enum DeviceAttribute : int {
         PCI_ATTR_NAME = 0,
         PCI_ATTR_LOCATION = 1,
         PCI_ATTR_PARENT_LOCATION = 2,

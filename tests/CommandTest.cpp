@@ -1,0 +1,133 @@
+// The ostrand command, run as a support engineer runs it.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <sys/wait.h>
+
+#ifdef OSTRAND_COMMAND
+
+namespace {
+
+struct Result {
+    int status;
+    std::string out;
+};
+
+// Runs the command with the arguments; stderr is kept apart unless asked for.
+Result run(const std::string& arguments, bool withStderr = false)
+{
+    std::string line = std::string(OSTRAND_COMMAND) + " " + arguments + (withStderr ? " 2>&1" : " 2>/dev/null");
+    FILE* pipe = ::popen(line.c_str(), "r");
+    Result result{-1, ""};
+    if (pipe == nullptr) {
+        return result;
+    }
+    char buffer[4096];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+        result.out.append(buffer, n);
+    }
+    int status = ::pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+const std::string kLab = std::string(OSTRAND_SOURCE_DIR) + "/samples/lab-server";
+
+int countLines(const std::string& text)
+{
+    int count = 0;
+    for (char c : text) {
+        count += c == '\n';
+    }
+    return count;
+}
+
+} // namespace
+
+TEST(CommandTest, ListShowsThePciRecordsOfTheSample)
+{
+    Result r = run("list --machine " + kLab);
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.out.rfind("NAME", 0), 0u);
+    EXPECT_NE(r.out.find("PCI_BUS_0"), std::string::npos);
+    EXPECT_NE(r.out.find("PCI_BUS_1"), std::string::npos);
+    EXPECT_NE(r.out.find("Isa_BUS"), std::string::npos);
+    EXPECT_NE(r.out.find("IDE_BUS_CONTROLLER_NAME"), std::string::npos);
+    EXPECT_NE(r.out.find("RAID_DEVICE_CONTROLLER"), std::string::npos);
+    EXPECT_NE(r.out.find("PCI Bus 0, Device 1, Function 1"), std::string::npos);
+    EXPECT_NE(r.out.find("System Board!PCI Bus 0"), std::string::npos);
+}
+
+TEST(CommandTest, JsonHasTheThirteenKeysAndTheInteger)
+{
+    Result r = run("list --json --class pci --machine " + kLab);
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.out.front(), '[');
+    for (const char* key : {"\"DeviceName\"", "\"DisableDeviceName\"", "\"DeviceDescriptor\"", "\"DeviceDescription\"",
+                            "\"DeviceLocation\"", "\"DeviceresourceTag\"", "\"DeviceParentLocation\"",
+                            "\"DeviceClass\"", "\"DeviceManufacturerName\"", "\"DeviceModelNumber\"",
+                            "\"DeviceFirmwareRevisionLevel\"", "\"DeviceSerialNumber\"",
+                            "\"DeviceAdditionalHWInfo\"", "\"value\""}) {
+        EXPECT_NE(r.out.find(key), std::string::npos) << key;
+    }
+    EXPECT_NE(r.out.find("\"DeviceName\": \"PCI_BUS_0\""), std::string::npos);
+}
+
+TEST(CommandTest, TreeHangsTheBusesFromTheSystemBoard)
+{
+    Result r = run("tree --machine " + kLab);
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.out.rfind("System Board", 0), 0u);
+    EXPECT_NE(r.out.find("── PCI Bus 0  [PCI_BUS_0, PCI_BUS]"), std::string::npos);
+    EXPECT_NE(r.out.find("── PCI Bus 0, Device 7, Function 0  [RAID_BUS_CONTROLLER_NAME, RAID_DEVICE_CONTROLLER]"),
+              std::string::npos);
+    EXPECT_NE(r.out.find("── ISA Bus  [Isa_BUS, PCI_TO_ISA_BRIDGE]"), std::string::npos);
+}
+
+TEST(CommandTest, AllClassesShowTheBoardFinders)
+{
+    Result r = run("list --class all --machine " + kLab);
+    ASSERT_EQ(r.status, 0);
+    for (const char* text : {"PCI_BUS_0", "Ethernet controller", "Memory Device 0", "SERIAL_PORT_0",
+                             "PARALLEL_PORT_0", "EXTERNAL_MODEM", "TLBX4"}) {
+        EXPECT_NE(r.out.find(text), std::string::npos) << text;
+    }
+}
+
+TEST(CommandTest, AnUnknownClassIsOneLineAndStatusTwo)
+{
+    Result r = run("list --class toaster --machine " + kLab, true);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(countLines(r.out), 1);
+    EXPECT_NE(r.out.find("unknown class 'toaster'"), std::string::npos);
+}
+
+TEST(CommandTest, AMissingMachineIsOneLineAndStatusTwo)
+{
+    Result r = run("list --machine /no/such/machine", true);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.out, "ostrand: machine /no/such/machine: no such directory\n");
+}
+
+TEST(CommandTest, AMalformedMachineIsOneLineAndStatusTwo)
+{
+    // The captures folder is a directory, but no machine.
+    Result r = run(std::string("list --machine ") + OSTRAND_SOURCE_DIR + "/tests/captures", true);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(countLines(r.out), 1);
+    EXPECT_NE(r.out.find("no file 'machine'"), std::string::npos);
+}
+
+TEST(CommandTest, BadUseOfTheOptionsIsOneLineAndStatusTwo)
+{
+    Result r = run("list --frobnicate", true);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(countLines(r.out), 1);
+    r = run("", true);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(countLines(r.out), 1);
+}
+
+#endif
