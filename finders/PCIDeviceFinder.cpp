@@ -137,8 +137,9 @@ bool PCIDeviceFinder::checkForDuplicateBusAndAdd(int bus)
         append(*m_objects, name, "PCI_BUS_DEV_DESC", location, "System Board", "PCI_BUS");
     }
 
-    // 3. Remembered. The list holds 255 numbers; a bus beyond that (only the
-    //    256th distinct number) still gets its record but is not remembered.
+    // 3. Remembered. The list holds 255 numbers; a number met when it is full
+    //    gets its record each time but is not remembered (on a real machine,
+    //    whose buses are 0 to 255, only the last could be so).
     if (m_numBuses < kMaxBuses) {
         m_busNumbers[m_numBuses] = bus;
         ++m_numBuses;
