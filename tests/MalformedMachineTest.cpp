@@ -400,6 +400,30 @@ const Row kRows[] = {
          EXPECT_EQ(machine.openMappings(), 0u);
      }},
 
+    {"FortySerialConnectorsAndEmptyDev",
+     [](host::FakeMachine& machine) {
+         SmbiosBuilder smbios;
+         smbios.system("Lab Board");
+         for (int i = 0; i < 40; ++i) {
+             smbios.port(0, 6);
+         }
+         smbios.installSysfs(machine);
+     },
+     [](host::FakeMachine& machine) {
+         SerialPortFinder serial;
+         std::vector<IWbemClassObject> records = direct(serial);
+         // The placeholders end with the 32 node numbers that were tried.
+         ASSERT_EQ(records.size(), 32u);
+         EXPECT_EQ(fields(records[0]), serialPlaceholder(0, "SERIAL_PORT_DESC0"));
+         EXPECT_EQ(fields(records[31]), serialPlaceholder(31, "SERIAL_PORT_DESC0"));
+         size_t nodeOpens = 0;
+         for (const std::string& path : machine.opens()) {
+             nodeOpens += path.rfind("/dev/ttyS", 0) == 0 ? 1 : 0;
+         }
+         EXPECT_EQ(nodeOpens, 32u);
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
     {"UnreadableDevMemWithSysfsTable",
      [](host::FakeMachine& machine) {
          ostrand_test::addLabServerLspci(machine);
