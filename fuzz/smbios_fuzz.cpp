@@ -7,6 +7,8 @@
 // counted by readDmiTable, and the memory finder runs. Only the interface's own
 // exception may leave; descriptors and mappings must all be given back.
 #include "finders/MemoryDeviceFinder.h"
+#include "finders/ParallelPortFinder.h"
+#include "finders/SerialPortFinder.h"
 #include "fuzz/FuzzSupport.h"
 #include "host/FakeMachine.h"
 #include "platform/smbios/ISmbiosTable.h"
@@ -242,6 +244,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             }
         });
     }
+
+    // The port finders on a machine without nodes: every serial port the
+    // table promises is a placeholder (32 at most), every parallel one a record.
+    ostrand_fuzz::allowingOnly<smbios::SmbiosException>([&] {
+        LinuxUtils utils;
+        int serialPorts = utils.getNumOfPorts(LinuxUtils::PORT_TYPE_SERIAL);
+        int parallelPorts = utils.getNumOfPorts(LinuxUtils::PORT_TYPE_PARALLEL);
+        std::vector<IWbemClassObject> records;
+        SerialPortFinder serial;
+        serial.getAllObjects(nullptr, records);
+        ostrand_fuzz::check(records.size() == static_cast<size_t>(serialPorts < 32 ? serialPorts : 32),
+                            "serial placeholders other than the ports promised");
+        ParallelPortFinder parallel;
+        parallel.getAllObjects(nullptr, records);
+        ostrand_fuzz::check(records.size() == static_cast<size_t>(parallelPorts), "parallel records other than the ports");
+    });
 
     ostrand_fuzz::allowingOnly<smbios::SmbiosException>([&] {
         MemoryDeviceFinder finder;
