@@ -8,6 +8,7 @@
 #include "platform/smbios/SmbiosItemAccess.h"
 #include "platform/smbios/SmbiosTable.h"
 #include "probes/LinuxUtils.h"
+#include "tests/support/Firmware.h"
 
 #include <benchmark/benchmark.h>
 
@@ -21,96 +22,42 @@ namespace {
 
 const int kStructures = 200;
 
-void put16(std::string& s, size_t at, uint16_t v)
-{
-    s[at] = static_cast<char>(v & 0xFF);
-    s[at + 1] = static_cast<char>(v >> 8);
-}
-
-// One structure: header, formatted bytes behind it, strings.
-std::string structure(uint8_t type, uint16_t handle, const std::string& formatted, const std::vector<std::string>& strings)
-{
-    std::string s(4, '\0');
-    s[0] = static_cast<char>(type);
-    s[1] = static_cast<char>(4 + formatted.size());
-    put16(s, 2, handle);
-    s += formatted;
-    if (strings.empty()) {
-        s.append(2, '\0');
-    } else {
-        for (const auto& text : strings) {
-            s += text;
-            s += '\0';
-        }
-        s += '\0';
-    }
-    return s;
-}
-
 // 200 structures as a server has them: a system, 64 memory devices (every
 // fourth slot empty), 40 port connectors, slots and others, and the end.
-std::string serverTable()
+ostrand_test::SmbiosBuilder serverTable()
 {
-    std::string table;
-    uint16_t handle = 0;
-    std::string system(0x1B - 4, '\0');
+    ostrand_test::SmbiosBuilder builder;
+    std::vector<uint8_t> system(0x1B - 4, 0);
     system[0] = 1;
     system[1] = 2;
-    table += structure(1, handle++, system, {"Bench Systems", "BenchServer 7301", "A01", "SN0001"});
+    builder.add(1, system, {"Bench Systems", "BenchServer 7301", "A01", "SN0001"});
     for (int i = 0; i < 64; ++i) {
-        std::string memory(0x28 - 4, '\0');
+        std::vector<uint8_t> memory(0x28 - 4, 0);
         uint16_t size = (i % 4 == 3) ? 0 : 4096;
-        put16(memory, 12 - 4, size);
+        memory[12 - 4] = static_cast<uint8_t>(size & 0xFF);
+        memory[13 - 4] = static_cast<uint8_t>(size >> 8);
         memory[16 - 4] = 1;
         memory[17 - 4] = 2;
         memory[23 - 4] = 3;
-        table += structure(17, handle++, memory,
-                           {"DIMM_" + std::to_string(i), "BANK " + std::to_string(i / 8), "Bench Memory"});
+        builder.add(17, memory, {"DIMM_" + std::to_string(i), "BANK " + std::to_string(i / 8), "Bench Memory"});
     }
     for (int i = 0; i < 40; ++i) {
-        std::string port = {1, 0, 2, static_cast<char>(i % 2 ? 8 : 0), static_cast<char>(i < 4 ? 9 : 0x10)};
-        table += structure(8, handle++, port, {"J" + std::to_string(i), "PORT" + std::to_string(i)});
+        builder.port(static_cast<uint8_t>(i % 2 ? 8 : 0), static_cast<uint8_t>(i < 4 ? 9 : 0x10));
     }
-    while (handle < kStructures - 1) {
-        std::string slot(0x11 - 4, '\0');
+    while (builder.count() < kStructures) {
+        std::vector<uint8_t> slot(0x11 - 4, 0);
         slot[0] = 1;
-        table += structure(9, handle++, slot, {"PCIe Slot " + std::to_string(handle)});
+        builder.add(9, slot, {"PCIe Slot " + std::to_string(builder.count())});
     }
-    table += structure(127, handle++, "", {});
-    return table;
+    return builder; // count() includes the end-of-table structure that table() adds
 }
 
-// A 3.x entry point for the table, with its checksum.
-std::string entryPoint30(size_t tableSize)
-{
-    std::string e(0x18, '\0');
-    e.replace(0, 5, "_SM3_");
-    e[6] = 0x18;
-    e[7] = 3;
-    e[8] = 2;
-    e[10] = 1;
-    for (int i = 0; i < 4; ++i) {
-        e[0x0C + i] = static_cast<char>((tableSize >> (8 * i)) & 0xFF);
-    }
-    unsigned sum = 0;
-    for (char c : e) {
-        sum += static_cast<unsigned char>(c);
-    }
-    e[5] = static_cast<char>((0x100 - (sum & 0xFF)) & 0xFF);
-    return e;
-}
-
-void installServer(host::FakeMachine& machine)
-{
-    std::string table = serverTable();
-    machine.addFile("/sys/firmware/dmi/tables/smbios_entry_point", entryPoint30(table.size()));
-    machine.addFile("/sys/firmware/dmi/tables/DMI", table);
-}
+void installServer(host::FakeMachine& machine) { serverTable().installSysfs(machine, 3); }
 
 // Parsing the bytes of a 200-structure table.
 void BM_ParseTable(benchmark::State& state)
 {
-    std::string bytes = serverTable();
+    std::string bytes = serverTable().table();
     for (auto _ : state) {
         smbios::SmbiosTable table(bytes);
         benchmark::DoNotOptimize(table.getNumberOfItems());
@@ -123,7 +70,7 @@ BENCHMARK(BM_ParseTable);
 // Walking all memory devices of the parsed table and reading their fields.
 void BM_WalkMemoryDevices(benchmark::State& state)
 {
-    smbios::SmbiosTable table(serverTable());
+    smbios::SmbiosTable table(serverTable().table());
     for (auto _ : state) {
         unsigned int total = 0;
         for (auto it = table[17]; it != table.end(); ++it) {
