@@ -152,11 +152,7 @@ void PCIUtil::parseN(const std::string& line, pci_device* device)
         start = c;
         slotEnd = c - 1;
     } else {
-        size_t firstColon = line.find(':');
-        size_t q = line.find(':', firstColon + 1);
-        if (firstColon == std::string::npos) {
-            q = std::string::npos;
-        }
+        size_t q = line.find(':', line.find(':') + 1); // the second colon
         start = q - 4;
         slotEnd = q - 5;
     }
