@@ -3,7 +3,7 @@
 // texts made here.
 #include "finders/PCIDeviceFinder.h"
 #include "frame/IWbemClassObject.h"
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
 #include "probes/PCIUtil.h"
 
 #include <benchmark/benchmark.h>

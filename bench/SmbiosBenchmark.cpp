@@ -2,7 +2,7 @@
 // from a fake machine's sysfs files, and the memory device finder on it.
 #include "finders/MemoryDeviceFinder.h"
 #include "frame/IWbemClassObject.h"
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
 #include "platform/smbios/ISmbiosTable.h"
 #include "platform/smbios/SmbiosFactory.h"
 #include "platform/smbios/SmbiosItemAccess.h"

@@ -6,7 +6,7 @@
 #include "finders/PCIDeviceFinder.h"
 #include "finders/RACDeviceFinder.h"
 #include "fuzz/FuzzSupport.h"
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
 #include "platform/smbios/SmbiosFactory.h"
 #include "probes/PCIUtil.h"
 

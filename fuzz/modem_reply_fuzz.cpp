@@ -5,7 +5,8 @@
 // connectors and a PCI modem of any family (or none).
 #include "finders/ModemDeviceFinder.h"
 #include "fuzz/FuzzSupport.h"
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
+#include "host/models/Models.h"
 #include "platform/smbios/SmbiosFactory.h"
 #include "probes/PCIUtil.h"
 

@@ -1,6 +1,7 @@
 // The interrupt routing table scan over an arbitrary BIOS area.
 #include "fuzz/FuzzSupport.h"
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
+#include "host/models/Models.h"
 #include "probes/LinuxUtils.h"
 
 #include <memory>

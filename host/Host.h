@@ -57,6 +57,12 @@ public:
     virtual int uname(struct utsname* name) = 0;
     virtual int mount(const char* source, const char* target, const char* type, unsigned long flags, const void* data) = 0;
 
+    // Sysfs, which libsysfs reads by itself. The folder that stands for /sys,
+    // or null for the live machine's own mount (libsysfs finds it). Whether
+    // it is mounted: the live machine answers true and lets libsysfs tell.
+    virtual const char* sysfsRoot() = 0;
+    virtual bool sysfsMounted() = 0;
+
     // System V semaphores. semctl carries an int value (SETVAL, GETVAL, IPC_RMID).
     virtual int semget(key_t key, int count, int flags) = 0;
     virtual int semctl(int id, int number, int command, int value) = 0;
@@ -119,6 +125,10 @@ inline int mount(const char* source, const char* target, const char* type, unsig
 {
     return machine().mount(source, target, type, flags, data);
 }
+// Points libsysfs at the sysfs of the machine in use (through its SYSFS_PATH;
+// for the live machine, as the process had it) before it is asked anything.
+// False when the machine says that its sysfs is not mounted.
+bool prepareSysfs();
 inline int semget(key_t key, int count, int flags) { return machine().semget(key, count, flags); }
 inline int semctl(int id, int number, int command, int value = 0) { return machine().semctl(id, number, command, value); }
 inline int semop(int id, struct sembuf* operations, size_t count) { return machine().semop(id, operations, count); }

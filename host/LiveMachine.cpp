@@ -4,7 +4,9 @@
 
 #include "platform/SysUtil.h"
 
+#include <cstdlib>
 #include <fcntl.h>
+#include <string>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -70,6 +72,8 @@ public:
     {
         return ::mount(source, target, type, flags, data);
     }
+    const char* sysfsRoot() override { return nullptr; }
+    bool sysfsMounted() override { return true; }
     int semget(key_t key, int count, int flags) override { return ::semget(key, count, flags); }
     int semctl(int id, int number, int command, int value) override
     {
@@ -86,6 +90,23 @@ public:
 
 Machine* g_current = nullptr;
 
+const char kSysfsPath[] = "SYSFS_PATH";
+
+// The process's own SYSFS_PATH, taken before any other machine set it.
+struct ProcessSysfsPath {
+    bool set;
+    std::string value;
+};
+
+const ProcessSysfsPath& processSysfsPath()
+{
+    static const ProcessSysfsPath original = [] {
+        const char* value = std::getenv(kSysfsPath);
+        return ProcessSysfsPath{value != nullptr, value != nullptr ? value : ""};
+    }();
+    return original;
+}
+
 } // namespace
 
 Machine& liveMachine()
@@ -97,6 +118,20 @@ Machine& liveMachine()
 Machine& machine() { return g_current != nullptr ? *g_current : liveMachine(); }
 
 void use(Machine* machine) { g_current = machine; }
+
+bool prepareSysfs()
+{
+    const ProcessSysfsPath& original = processSysfsPath();
+    const char* root = machine().sysfsRoot();
+    if (root != nullptr) {
+        ::setenv(kSysfsPath, root, 1);
+    } else if (original.set) {
+        ::setenv(kSysfsPath, original.value.c_str(), 1);
+    } else {
+        ::unsetenv(kSysfsPath);
+    }
+    return machine().sysfsMounted();
+}
 
 ScopedMachine::ScopedMachine(Machine& machine) : m_previous(g_current) { g_current = &machine; }
 

@@ -1,5 +1,6 @@
-#include "host/FakeMachine.h"
-#include "host/MachineDirectory.h"
+#include "host/fake/FakeMachine.h"
+#include "host/models/Models.h"
+#include "host/fake/MachineDirectory.h"
 #include "tests/support/Machines.h"
 
 #include <gtest/gtest.h>

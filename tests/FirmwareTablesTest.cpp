@@ -1,4 +1,5 @@
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
+#include "host/models/Models.h"
 #include "platform/smbios/SmbiosException.h"
 #include "platform/smbios/SmbiosFactory.h"
 #include "probes/LinuxUtils.h"

@@ -1,5 +1,5 @@
 #include "frame/CWmiInfo.h"
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
 #include "tests/support/Machines.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // The general operations of the toolbox: text building, hexadecimal and PCI
 // address reading, device nodes under /dev/, and the port type table.
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
 #include "probes/LinuxUtils.h"
 
 #include <gtest/gtest.h>

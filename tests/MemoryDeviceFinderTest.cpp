@@ -1,6 +1,6 @@
 #include "finders/MemoryDeviceFinder.h"
 #include "frame/CWmiInfo.h"
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
 #include "platform/smbios/SmbiosException.h"
 #include "platform/smbios/SmbiosFactory.h"
 #include "tests/support/Firmware.h"

@@ -1,5 +1,6 @@
 #include "finders/ModemDeviceFinder.h"
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
+#include "host/models/Models.h"
 #include "platform/smbios/SmbiosFactory.h"
 #include "probes/PCIUtil.h"
 #include "tests/support/Firmware.h"

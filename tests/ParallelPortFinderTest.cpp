@@ -1,5 +1,5 @@
 #include "finders/ParallelPortFinder.h"
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
 #include "platform/smbios/SmbiosFactory.h"
 #include "tests/support/Firmware.h"
 #include "tests/support/Machines.h"

@@ -1,7 +1,7 @@
 // Records of PCI buses and bus controllers, directly and through the facade.
 #include "finders/PCIDeviceFinder.h"
 #include "frame/CWmiInfo.h"
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
 #include "probes/PCIUtil.h"
 #include "tests/support/Machines.h"
 

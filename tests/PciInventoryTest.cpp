@@ -1,5 +1,5 @@
 // The PCI inventory: the three lspci passes, the line parsers and the queries.
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
 #include "probes/PCIUtil.h"
 #include "tests/support/Machines.h"
 

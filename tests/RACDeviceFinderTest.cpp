@@ -1,6 +1,7 @@
 #include "finders/RACDeviceFinder.h"
 #include "frame/CWmiInfo.h"
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
+#include "host/models/Models.h"
 #include "probes/PCIUtil.h"
 #include "tests/support/Firmware.h"
 #include "tests/support/Machines.h"

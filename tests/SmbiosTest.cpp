@@ -1,4 +1,5 @@
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
+#include "host/models/Models.h"
 #include "platform/smbios/ISmbiosTable.h"
 #include "platform/smbios/SmbiosEntryPoint.h"
 #include "platform/smbios/SmbiosException.h"

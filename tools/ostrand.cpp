@@ -6,7 +6,7 @@
 #include "tools/Enumeration.h"
 #include "tools/Output.h"
 
-#include "host/MachineDirectory.h"
+#include "host/fake/MachineDirectory.h"
 
 #include <CLI/CLI.hpp>
 

@@ -2,7 +2,8 @@
 // entry points, and BIOS areas holding a PCI interrupt routing table.
 #pragma once
 
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
+#include "host/models/Models.h"
 
 #include <cstdint>
 #include <string>

@@ -1,6 +1,6 @@
 #include "tests/support/Machines.h"
 
-#include "host/MachineDirectory.h"
+#include "host/fake/MachineDirectory.h"
 
 namespace ostrand_test {
 

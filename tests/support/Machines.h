@@ -2,7 +2,7 @@
 #pragma once
 
 #include "frame/IWbemClassObject.h"
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
 
 #include <array>
 #include <string>

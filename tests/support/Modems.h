@@ -3,7 +3,8 @@
 // modem and SMBIOS table from its captures.
 #pragma once
 
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
+#include "host/models/Models.h"
 
 #include <cstdint>
 #include <map>

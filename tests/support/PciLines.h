@@ -2,7 +2,7 @@
 // passes print them, for inventories that no capture holds.
 #pragma once
 
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
 
 #include <string>
 #include <vector>

@@ -1,4 +1,6 @@
-#include "host/MachineDirectory.h"
+#include "host/fake/MachineDirectory.h"
+
+#include "host/models/Models.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -74,12 +76,20 @@ long Directive::number(const std::string& key, long fallback) const
     return value;
 }
 
+std::string Directive::folder(const std::string& relativePath) const
+{
+    std::string path = directory + "/" + relativePath;
+    struct stat info;
+    if (::stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+        fail("no folder " + relativePath);
+    }
+    return path;
+}
+
 void Directive::fail(const std::string& message) const
 {
     throw MachineDirectoryError("machine " + directory + ", line " + std::to_string(lineNumber) + ": " + message);
 }
-
-namespace {
 
 void needWords(const Directive& d, size_t count, const char* usage)
 {
@@ -88,26 +98,12 @@ void needWords(const Directive& d, size_t count, const char* usage)
     }
 }
 
-int errnoByName(const Directive& d, const std::string& name)
-{
-    static const std::map<std::string, int> names = {
-        {"EACCES", EACCES}, {"EPERM", EPERM}, {"ENOENT", ENOENT}, {"EIO", EIO}, {"EBUSY", EBUSY}, {"ENXIO", ENXIO}};
-    auto it = names.find(name);
-    if (it == names.end()) {
-        d.fail("unknown error name " + name);
-    }
-    return it->second;
-}
+namespace {
 
-std::string unescapeText(const std::string& text)
+// The directives of the machine itself; the device models add theirs.
+std::map<std::string, DirectiveHandler> coreDirectives()
 {
-    ModemScript script = ModemScript::parse("> x\n< " + text);
-    return script.exchanges.front().pieces.front();
-}
-
-std::map<std::string, DirectiveHandler>& handlers()
-{
-    static std::map<std::string, DirectiveHandler> table = {
+    return {
         {"uname",
          [](FakeMachine& m, const Directive& d) {
              needWords(d, 3, "uname RELEASE MACHINE");
@@ -119,7 +115,7 @@ std::map<std::string, DirectiveHandler>& handlers()
              m.addCommand(d.rest(2), d.data(d.words[1]));
          }},
         {"missing-command",
-         [](FakeMachine& m, const Directive& d) { m.setMissingCommandText(unescapeText(d.rest(1))); }},
+         [](FakeMachine& m, const Directive& d) { m.setMissingCommandText(unescape(d.rest(1))); }},
         {"file",
          [](FakeMachine& m, const Directive& d) {
              needWords(d, 3, "file PATH DATAFILE");
@@ -132,8 +128,22 @@ std::map<std::string, DirectiveHandler>& handlers()
          }},
         {"link",
          [](FakeMachine& m, const Directive& d) {
-             needWords(d, 2, "link PATH");
-             m.addLink(d.words[1]);
+             needWords(d, 2, "link PATH [TARGET]");
+             m.addLink(d.words[1], d.words.size() > 2 ? d.words[2] : "");
+         }},
+        {"sysfs",
+         [](FakeMachine& m, const Directive& d) {
+             needWords(d, 2, "sysfs FOLDER|unmounted");
+             if (d.words[1] == "unmounted") {
+                 m.setSysfsMounted(false);
+             } else {
+                 m.setSysfs(d.folder(d.words[1]));
+             }
+         }},
+        {"refuse-mount",
+         [](FakeMachine& m, const Directive& d) {
+             needWords(d, 2, "refuse-mount ERRNO");
+             m.refuseMounts(errnoByName(d, d.words[1]));
          }},
         {"node",
          [](FakeMachine& m, const Directive& d) {
@@ -143,46 +153,40 @@ std::map<std::string, DirectiveHandler>& handlers()
              }
              m.addNode(d.words[1], d.words[2][0], nullptr);
          }},
-        {"memory",
-         [](FakeMachine& m, const Directive& d) {
-             needWords(d, 4, "memory PATH ADDRESS DATAFILE");
-             auto model = std::dynamic_pointer_cast<MemoryModel>(m.model(d.words[1]));
-             if (!model) {
-                 model = std::make_shared<MemoryModel>();
-                 m.addNode(d.words[1], 'c', model);
-             }
-             char* end = nullptr;
-             unsigned long long address = std::strtoull(d.words[2].c_str(), &end, 0);
-             if (end == nullptr || *end != '\0') {
-                 d.fail("bad address " + d.words[2]);
-             }
-             model->place(address, d.data(d.words[3]));
-         }},
-        {"serial",
-         [](FakeMachine& m, const Directive& d) {
-             needWords(d, 2, "serial PATH type=N port=N irq=N [line=N] [modem=FILE]");
-             auto model = std::make_shared<SerialModel>(static_cast<int>(d.number("type", 4)),
-                                                        static_cast<int>(d.number("port", 0)),
-                                                        static_cast<int>(d.number("irq", 0)),
-                                                        static_cast<int>(d.number("line", 0)));
-             std::string modem = d.option("modem", "");
-             if (!modem.empty()) {
-                 model->attachModem(ModemScript::parse(d.data(modem)));
-             }
-             m.addNode(d.words[1], 'c', model);
-         }},
         {"deny",
          [](FakeMachine& m, const Directive& d) {
              needWords(d, 3, "deny PATH ERRNO");
              m.denyOpen(d.words[1], errnoByName(d, d.words[2]));
          }},
     };
+}
+
+const std::map<std::string, DirectiveHandler>& handlers()
+{
+    static const std::map<std::string, DirectiveHandler> table = [] {
+        std::map<std::string, DirectiveHandler> all = coreDirectives();
+        for (const auto& model : modelDirectives()) {
+            all.emplace(model.name, model.load);
+        }
+        return all;
+    }();
     return table;
 }
 
 } // namespace
 
-void registerDirective(const std::string& name, DirectiveHandler handler) { handlers()[name] = std::move(handler); }
+int errnoByName(const Directive& d, const std::string& name)
+{
+    static const std::map<std::string, int> names = {
+        {"EACCES", EACCES}, {"EPERM", EPERM},   {"ENOENT", ENOENT}, {"EIO", EIO},       {"EBUSY", EBUSY},
+        {"ENXIO", ENXIO},   {"EINVAL", EINVAL}, {"ENOTTY", ENOTTY}, {"ENODEV", ENODEV}, {"ENOMEDIUM", ENOMEDIUM},
+        {"ENOSPC", ENOSPC}, {"EAGAIN", EAGAIN}};
+    auto it = names.find(name);
+    if (it == names.end()) {
+        d.fail("unknown error name " + name);
+    }
+    return it->second;
+}
 
 void loadMachineText(FakeMachine& machine, const std::string& text, const std::string& directory)
 {

@@ -3,7 +3,7 @@
 // paths relative to the directory. samples/README.md documents the format.
 #pragma once
 
-#include "host/FakeMachine.h"
+#include "host/fake/FakeMachine.h"
 
 #include <functional>
 #include <memory>
@@ -35,13 +35,17 @@ struct Directive {
     // A key=value word's value, or the default.
     std::string option(const std::string& key, const std::string& fallback) const;
     long number(const std::string& key, long fallback) const;
+    // The path of a folder named relative to the machine's directory; it must exist.
+    std::string folder(const std::string& relativePath) const;
     [[noreturn]] void fail(const std::string& message) const;
 };
 
 using DirectiveHandler = std::function<void(FakeMachine&, const Directive&)>;
 
-// Adds a directive, so that more device models join the format.
-void registerDirective(const std::string& name, DirectiveHandler handler);
+// Fails the directive unless it has at least `count` words.
+void needWords(const Directive& d, size_t count, const char* usage);
+// An errno value by its name (EACCES, EBUSY, ...), or fails the directive.
+int errnoByName(const Directive& d, const std::string& name);
 
 // Loads the machine of a directory. Throws MachineDirectoryError.
 std::unique_ptr<FakeMachine> loadMachine(const std::string& directory);

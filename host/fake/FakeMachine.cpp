@@ -1,0 +1,229 @@
+#include "host/fake/FakeMachine.h"
+
+#include "host/models/FileModel.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+
+namespace Vantrel {
+namespace Ostrand {
+namespace host {
+
+namespace {
+
+int fail(int error)
+{
+    errno = error;
+    return -1;
+}
+
+} // namespace
+
+
+// --- The machine --------------------------------------------------------------
+
+FakeMachine::FakeMachine() : m_missingCommand("sh: %s: command not found\n") { addDirectory("/dev"); }
+
+FakeMachine::~FakeMachine()
+{
+    for (FILE* stream : m_streams) {
+        std::fclose(stream);
+    }
+    for (auto& mapping : m_mappings) {
+        std::free(mapping.first);
+    }
+}
+
+void FakeMachine::addCommand(const std::string& commandLine, const std::string& output)
+{
+    m_outputs[commandLine] = output;
+}
+
+void FakeMachine::addFile(const std::string& path, const std::string& bytes)
+{
+    m_tree.add(path, FakeFileTree::Entry{DT_REG, std::make_shared<FileModel>(bytes)});
+}
+
+void FakeMachine::addDirectory(const std::string& path) { m_tree.add(path, FakeFileTree::Entry{DT_DIR, nullptr}); }
+
+void FakeMachine::addLink(const std::string& path, const std::string& target)
+{
+    FakeFileTree::Entry entry{DT_LNK, nullptr};
+    entry.target = target;
+    m_tree.add(path, std::move(entry));
+}
+
+void FakeMachine::addNode(const std::string& path, char type, std::shared_ptr<DeviceModel> model)
+{
+    if (!model) {
+        model = std::make_shared<DeviceModel>();
+    }
+    m_tree.add(path, FakeFileTree::Entry{static_cast<unsigned char>(type == 'b' ? DT_BLK : DT_CHR), std::move(model)});
+}
+
+void FakeMachine::denyOpen(const std::string& path, int error)
+{
+    if (m_tree.find(path) == nullptr) {
+        m_tree.add(path, FakeFileTree::Entry{DT_CHR, std::make_shared<DeviceModel>()});
+    }
+    m_tree.find(path)->openError = error;
+}
+
+void FakeMachine::setUname(const std::string& release, const std::string& machine)
+{
+    m_release = release;
+    m_machine = machine;
+}
+
+std::shared_ptr<DeviceModel> FakeMachine::model(const std::string& path) const
+{
+    const FakeFileTree::Entry* entry = m_tree.find(path);
+    return entry == nullptr ? nullptr : entry->model;
+}
+
+int FakeMachine::timesRun(const std::string& commandLine) const
+{
+    return static_cast<int>(std::count(m_commands.begin(), m_commands.end(), commandLine));
+}
+
+std::vector<std::string> FakeMachine::openDescriptors() const
+{
+    std::vector<std::string> paths;
+    for (const auto& d : m_descriptors) {
+        paths.push_back(d.second.path);
+    }
+    return paths;
+}
+
+std::vector<std::string> FakeMachine::ioctlNames(const std::string& path) const
+{
+    std::vector<std::string> names;
+    for (const auto& record : m_ioctls) {
+        if (record.path == path) {
+            names.push_back(record.name);
+        }
+    }
+    return names;
+}
+
+FILE* FakeMachine::popen(const char* command, const char* mode)
+{
+    if (command == nullptr || mode == nullptr || mode[0] != 'r') {
+        errno = EINVAL;
+        return nullptr;
+    }
+    std::string line(command);
+    m_commands.push_back(line);
+    std::string output;
+    auto it = m_outputs.find(line);
+    if (it != m_outputs.end()) {
+        output = it->second;
+    } else {
+        std::string word = line.substr(0, line.find(' '));
+        output = m_missingCommand;
+        size_t at = output.find("%s");
+        if (at != std::string::npos) {
+            output.replace(at, 2, word);
+        }
+    }
+    FILE* stream = std::tmpfile();
+    if (stream == nullptr) {
+        return nullptr;
+    }
+    if (!output.empty()) {
+        std::fwrite(output.data(), 1, output.size(), stream);
+    }
+    std::rewind(stream);
+    m_streams.push_back(stream);
+    return stream;
+}
+
+int FakeMachine::pclose(FILE* stream)
+{
+    auto it = std::find(m_streams.begin(), m_streams.end(), stream);
+    if (it == m_streams.end()) {
+        return fail(ECHILD);
+    }
+    m_streams.erase(it);
+    std::fclose(stream);
+    return 0;
+}
+
+int FakeMachine::uname(struct utsname* name)
+{
+    std::memset(name, 0, sizeof *name);
+    std::strncpy(name->sysname, "Linux", sizeof name->sysname - 1);
+    std::strncpy(name->nodename, "fake", sizeof name->nodename - 1);
+    std::strncpy(name->release, m_release.c_str(), sizeof name->release - 1);
+    std::strncpy(name->machine, m_machine.c_str(), sizeof name->machine - 1);
+    return 0;
+}
+
+int FakeMachine::mount(const char* source, const char* target, const char* type, unsigned long, const void*)
+{
+    m_mounts.push_back(std::string(source ? source : "") + " " + (target ? target : "") + " " + (type ? type : ""));
+    if (m_mountError != 0) {
+        return fail(m_mountError);
+    }
+    if (type != nullptr && std::strcmp(type, "sysfs") == 0) {
+        m_sysfsMounted = true;
+    }
+    return 0;
+}
+
+const char* FakeMachine::sysfsRoot()
+{
+    // Without a folder of its own, the machine points libsysfs at a place
+    // that is not there, never at the sysfs of the machine that runs it.
+    return m_sysfs.empty() ? "/nonexistent/ostrand-fake-machine/sys" : m_sysfs.c_str();
+}
+
+int FakeMachine::semget(key_t key, int count, int flags) { return m_semaphores.semget(key, count, flags); }
+
+int FakeMachine::semctl(int id, int number, int command, int value)
+{
+    return m_semaphores.semctl(id, number, command, value);
+}
+
+int FakeMachine::semop(int id, struct sembuf* operations, size_t count)
+{
+    return m_semaphores.semop(id, operations, count);
+}
+
+unsigned int FakeMachine::sleep(unsigned int seconds)
+{
+    m_sleeps.push_back({"sleep", static_cast<int64_t>(seconds) * 1000000});
+    m_clock.advance(static_cast<int64_t>(seconds) * 1000000);
+    return 0;
+}
+
+int FakeMachine::usleep(useconds_t microseconds)
+{
+    m_sleeps.push_back({"usleep", static_cast<int64_t>(microseconds)});
+    m_clock.advance(microseconds);
+    return 0;
+}
+
+time_t FakeMachine::time(time_t* out)
+{
+    time_t now = static_cast<time_t>(m_clock.now() / 1000000);
+    if (out != nullptr) {
+        *out = now;
+    }
+    return now;
+}
+
+void FakeMachine::sleepForSeconds(unsigned int seconds)
+{
+    m_sleeps.push_back({"sleepForSeconds", static_cast<int64_t>(seconds) * 1000000});
+    m_clock.advance(static_cast<int64_t>(seconds) * 1000000);
+}
+
+} // namespace host
+} // namespace Ostrand
+} // namespace Vantrel
