@@ -117,9 +117,10 @@ Machine& liveMachine()
 
 Machine& machine() { return g_current != nullptr ? *g_current : liveMachine(); }
 
-void use(Machine* machine) { g_current = machine; }
+namespace {
 
-bool prepareSysfs()
+// SYSFS_PATH as the machine in use wants it.
+void pointLibsysfs()
 {
     const ProcessSysfsPath& original = processSysfsPath();
     const char* root = machine().sysfsRoot();
@@ -130,12 +131,25 @@ bool prepareSysfs()
     } else {
         ::unsetenv(kSysfsPath);
     }
+}
+
+} // namespace
+
+void use(Machine* machine)
+{
+    g_current = machine;
+    pointLibsysfs();
+}
+
+bool prepareSysfs()
+{
+    pointLibsysfs();
     return machine().sysfsMounted();
 }
 
-ScopedMachine::ScopedMachine(Machine& machine) : m_previous(g_current) { g_current = &machine; }
+ScopedMachine::ScopedMachine(Machine& machine) : m_previous(g_current) { use(&machine); }
 
-ScopedMachine::~ScopedMachine() { g_current = m_previous; }
+ScopedMachine::~ScopedMachine() { use(m_previous); }
 
 } // namespace host
 } // namespace Ostrand

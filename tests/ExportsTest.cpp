@@ -162,3 +162,23 @@ TEST(ExportsTest, NothingOfTheMachineBoundaryIsExported)
     }
     EXPECT_EQ(leaked, "");
 }
+
+TEST(ExportsTest, NoFakeMachineIsBuiltIntoTheLibrary)
+{
+    int status = 0;
+    std::string output = runCommand(std::string("nm -C '") + kLibrary + "' 2>&1", status);
+    ASSERT_EQ(status, 0) << output;
+    std::string fake;
+    std::istringstream lines(output);
+    std::string line;
+    while (std::getline(lines, line)) {
+        for (const char* name : {"FakeMachine", "FakeFileTree", "FakeSemaphores", "DeviceModel", "SerialModel",
+                                 "MemoryModel", "FileModel", "ModemScript", "loadMachine"}) {
+            if (line.find(name) != std::string::npos) {
+                fake += line + "\n";
+                break;
+            }
+        }
+    }
+    EXPECT_EQ(fake, "");
+}

@@ -316,3 +316,182 @@ TEST(MachineDirectoryTest, RunKeepsTheCommandLineAsWritten)
     EXPECT_EQ(readAll(stream), "gone\n");
     host::pclose(stream);
 }
+
+TEST(FakeMachineTest, ALinkOpensItsTargetAndADanglingOneLeadsNowhere)
+{
+    host::FakeMachine machine;
+    machine.addNode("/dev/sr0", 'b', nullptr);
+    machine.addLink("/dev/cdrom", "sr0");
+    machine.addLink("/dev/dvd", "/dev/cdrom");
+    machine.addLink("/dev/gone", "sr9");
+    machine.addLink("/dev/loop", "loop");
+    host::ScopedMachine scope{machine};
+    int fd = host::open("/dev/dvd", O_RDONLY);
+    EXPECT_GT(fd, 0);
+    EXPECT_EQ(machine.openDescriptors(), std::vector<std::string>{"/dev/dvd"});
+    host::close(fd);
+    EXPECT_EQ(host::open("/dev/gone", O_RDONLY), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(host::open("/dev/loop", O_RDONLY), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(FakeMachineTest, ADirectoryReachedThroughALinkIsListed)
+{
+    host::FakeMachine machine;
+    machine.addNode("/devices/pci0000:00/0000:00:05.0/host2/scsi_host", 'c', nullptr);
+    machine.addLink("/class/scsi_host/host2", "../../devices/pci0000:00/0000:00:05.0/host2");
+    host::ScopedMachine scope{machine};
+    host::Dir* dir = host::opendir("/class/scsi_host/host2");
+    ASSERT_NE(dir, nullptr);
+    std::vector<std::string> names;
+    while (struct dirent* entry = host::readdir(dir)) {
+        names.push_back(entry->d_name);
+    }
+    host::closedir(dir);
+    EXPECT_EQ(names, (std::vector<std::string>{".", "..", "scsi_host"}));
+}
+
+namespace {
+
+// A model of two requests, for the table's sake.
+class TwoRequestModel : public host::DeviceModel {
+public:
+    TwoRequestModel()
+    {
+        answer(0x1234, "FIRST", [](host::FakeMachine&, void* argument, host::IoctlRecord& event) {
+            event.input = "in";
+            *static_cast<int*>(argument) = 7;
+            return 0;
+        });
+        answer(0x5678, "SECOND", [](host::FakeMachine&, void*, host::IoctlRecord& event) {
+            event.name += " REFINED";
+            return 3;
+        });
+    }
+};
+
+} // namespace
+
+TEST(FakeMachineTest, AModelAnswersFromItsTableAndEveryIoctlIsRecordedByName)
+{
+    host::FakeMachine machine;
+    auto model = std::make_shared<TwoRequestModel>();
+    machine.addNode("/dev/two", 'c', model);
+    host::ScopedMachine scope{machine};
+    int fd = host::open("/dev/two", O_RDONLY);
+    int value = 0;
+    EXPECT_EQ(host::ioctl(fd, 0x1234, &value), 0);
+    EXPECT_EQ(value, 7);
+    EXPECT_EQ(host::ioctl(fd, 0x5678, nullptr), 3);
+    EXPECT_EQ(host::ioctl(fd, 0x9abc, nullptr), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    model->refuse(0x1234, EIO);
+    EXPECT_EQ(host::ioctl(fd, 0x1234, &value), -1);
+    EXPECT_EQ(errno, EIO);
+    host::close(fd);
+    EXPECT_EQ(machine.ioctlNames("/dev/two"),
+              (std::vector<std::string>{"FIRST", "SECOND REFINED", "ioctl 0x9ABC", "FIRST"}));
+    ASSERT_EQ(machine.ioctls().size(), 4u);
+    EXPECT_EQ(machine.ioctls()[0].input, "in");
+    EXPECT_EQ(machine.ioctls()[0].result, 0);
+    EXPECT_EQ(machine.ioctls()[1].result, 3);
+    EXPECT_EQ(machine.ioctls()[2].request, 0x9abcul);
+    EXPECT_EQ(machine.ioctls()[3].result, -EIO);
+}
+
+TEST(FakeMachineTest, SemaphoresRefuseAnExclusiveCreateOfAnExistingSet)
+{
+    host::FakeMachine machine;
+    machine.semaphores().setFirstId(65536);
+    host::ScopedMachine scope{machine};
+    int id = host::semget(0x1FE101F, 1, IPC_CREAT | IPC_EXCL | 0600);
+    EXPECT_EQ(id, 65536);
+    EXPECT_EQ(host::semget(0x1FE101F, 1, IPC_CREAT | IPC_EXCL | 0600), -1);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(host::semget(0x1FE101F, 1, 0600), 65536);
+    EXPECT_EQ(host::semctl(1, 0, GETVAL), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(FakeMachineTest, SemaphoresKeepTheUndoOfTheirOperations)
+{
+    host::FakeMachine machine;
+    machine.semaphores().preset(0x1FE101F, 1);
+    host::ScopedMachine scope{machine};
+    int id = host::semget(0x1FE101F, 1, 0600);
+    ASSERT_GE(id, 0);
+    struct sembuf down = {0, -1, SEM_UNDO};
+    EXPECT_EQ(host::semop(id, &down, 1), 0);
+    EXPECT_EQ(machine.semaphores().undo(0x1FE101F), 1);
+    struct sembuf up = {0, 1, 0};
+    EXPECT_EQ(host::semop(id, &up, 1), 0);
+    EXPECT_EQ(machine.semaphores().undo(0x1FE101F), 1);
+    EXPECT_EQ(host::semctl(id, 0, SETVAL, 1), 0);
+    EXPECT_EQ(machine.semaphores().undo(0x1FE101F), 0);
+    machine.semaphores().refuse(0x2222, ENOSPC);
+    EXPECT_EQ(host::semget(0x2222, 1, IPC_CREAT | 0600), -1);
+    EXPECT_EQ(errno, ENOSPC);
+}
+
+TEST(FakeMachineTest, SysfsIsMountedUntilSaidOtherwiseAndAMountOfSysfsMountsIt)
+{
+    host::FakeMachine machine;
+    EXPECT_TRUE(machine.sysfsMounted());
+    EXPECT_NE(std::string(machine.sysfsRoot()), "/sys");
+    machine.setSysfs("/tmp/some-tree");
+    EXPECT_STREQ(machine.sysfsRoot(), "/tmp/some-tree");
+    machine.setSysfsMounted(false);
+    host::ScopedMachine scope{machine};
+    EXPECT_FALSE(host::prepareSysfs());
+    EXPECT_STREQ(std::getenv("SYSFS_PATH"), "/tmp/some-tree");
+    EXPECT_EQ(host::mount("none", "//sys", "sysfs", 0, ""), 0);
+    EXPECT_TRUE(host::prepareSysfs());
+    EXPECT_EQ(machine.mounts(), std::vector<std::string>{"none //sys sysfs"});
+}
+
+TEST(FakeMachineTest, ARefusedMountLeavesSysfsUnmounted)
+{
+    host::FakeMachine machine;
+    machine.setSysfsMounted(false);
+    machine.refuseMounts(EPERM);
+    host::ScopedMachine scope{machine};
+    EXPECT_EQ(host::mount("none", "//sys", "sysfs", 0, ""), -1);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_FALSE(host::prepareSysfs());
+}
+
+TEST(FakeMachineTest, BackOnTheLiveMachineLibsysfsIsLeftAsTheProcessHadIt)
+{
+    const char* before = std::getenv("SYSFS_PATH");
+    std::string original = before != nullptr ? before : "";
+    bool wasSet = before != nullptr;
+    {
+        host::FakeMachine machine;
+        machine.setSysfs("/tmp/another-tree");
+        host::ScopedMachine scope{machine};
+        host::prepareSysfs();
+        EXPECT_STREQ(std::getenv("SYSFS_PATH"), "/tmp/another-tree");
+    }
+    EXPECT_TRUE(host::prepareSysfs());
+    const char* after = std::getenv("SYSFS_PATH");
+    EXPECT_EQ(after != nullptr, wasSet);
+    if (after != nullptr) {
+        EXPECT_EQ(original, after);
+    }
+}
+
+TEST(MachineDirectoryTest, LinksSysfsAndMountsAreDescribedByDirectives)
+{
+    host::FakeMachine machine;
+    host::loadMachineText(machine,
+                          "node /dev/sr0 b\nlink /dev/cdrom sr0\nsysfs unmounted\nrefuse-mount EPERM\n", "/m");
+    host::ScopedMachine scope{machine};
+    int fd = host::open("/dev/cdrom", O_RDONLY);
+    EXPECT_GT(fd, 0);
+    host::close(fd);
+    EXPECT_FALSE(machine.sysfsMounted());
+    EXPECT_EQ(host::mount("none", "//sys", "sysfs", 0, ""), -1);
+    EXPECT_THROW(host::loadMachineText(machine, "sysfs no-such-folder\n", "/m"), host::MachineDirectoryError);
+    EXPECT_THROW(host::loadMachineText(machine, "refuse-mount ESOMETHING\n", "/m"), host::MachineDirectoryError);
+}
