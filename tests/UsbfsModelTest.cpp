@@ -533,3 +533,28 @@ TEST_F(UsbfsModelTest, StringTextKeepsItsInnerBlanks)
     }
     EXPECT_EQ(text, "Full speed config (usb 1.1)");
 }
+
+TEST_F(UsbfsModelTest, ANodeUnderProcBusUsbAnswersAlike)
+{
+    std::string directory = std::string(OSTRAND_SOURCE_DIR) + "/" + kFolder;
+    host::loadMachineText(machine, "usbfs /proc/bus/usb/002/002 002-002.usb\n", directory);
+    Reply reply = control("/proc/bus/usb/002/002", 0xa0, 6, 0x0900, 0, 14);
+    EXPECT_EQ(reply.result, 10);
+    EXPECT_EQ(machine.ioctls().back().path, "/proc/bus/usb/002/002");
+    EXPECT_EQ(machine.model("/dev/bus/usb/002/002"), nullptr);
+}
+
+TEST_F(UsbfsModelTest, AFailLineCanRefuseThePortTable)
+{
+    auto hub = UsbfsModel::parse("driver 0 hub\nportinfo 2 3\nfail EIO USBDEVFS_IOCTL HUB_PORTINFO\n");
+    machine.addNode("/dev/bus/usb/002/001", 'c', hub);
+    int fd = openNode("/dev/bus/usb/002/001");
+    usbdevfs_hub_portinfo info{};
+    usbdevfs_ioctl command{};
+    command.ioctl_code = static_cast<int>(USBDEVFS_HUB_PORTINFO);
+    command.data = &info;
+    EXPECT_EQ(host::ioctl(fd, USBDEVFS_IOCTL, &command), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(info.nports, 0);
+    host::close(fd);
+}
