@@ -86,3 +86,25 @@ for name, data in smbios:
     # (entry point at 0xF0100), 2 both sysfs and /dev/mem, 3 neither.
     for route in (1, 2, 3):
         put('smbios_fuzz', f'{name}-route{route}', data[:0x1F] + bytes([route]) + data[0x20:])
+
+# USB: the configurations and hub descriptors of the lab server's devices.
+usbfs = os.path.join(captures, 'lab-server/usbfs')
+for name in sorted(os.listdir(usbfs)):
+    if not name.endswith('.usb'):
+        continue
+    config, hub = b'', b''
+    for line in lines(f'lab-server/usbfs/{name}'):
+        words = line.split()
+        if words and words[0] in ('config', 'hub'):
+            data = bytes(int(w, 16) for w in words[1:])
+            if words[0] == 'config':
+                config += data
+            else:
+                hub = data
+    put('usb_descriptors_fuzz', name, config)
+    if hub:
+        put('usb_descriptors_fuzz', name + '-hub', hub)
+put('usb_descriptors_fuzz', 'negative-length', bytes([9, 2, 0x80, 0, 1, 1, 0, 0x80, 50]) + bytes(119))
+put('usb_attribute_fuzz', 'present', escaped('Product') + 'Vendor5|LABCOProduct10|USB CD-ROMSerial0|')
+put('usb_attribute_fuzz', 'missing', escaped('k') + '3|abcdef')
+put('usb_attribute_fuzz', 'behind', escaped('abc'))

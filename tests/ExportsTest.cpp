@@ -136,6 +136,15 @@ TEST(ExportsTest, LinuxUtilsOperationsAreExported)
                      "getPortType", "getSlotInfo", "getNumOfPorts", "getDeviceDescription", "readDmiTable"});
 }
 
+TEST(ExportsTest, UsbIoctlsOperationsAreExported)
+{
+    expectFunctions("Vantrel::Ostrand::UsbIoctls::",
+                    {"UsbIoctls", "~UsbIoctls", "UsbPassThrough", "getConfigDescriptor", "getPortStatus",
+                     "getUsbDeviceStatus", "getNumofPorts", "getUsbDeviceClass", "getDeviceClass", "getMaxPower",
+                     "getHubPortInfo", "getDriver", "getDevDscrpn", "getFindCmdOutput", "getDirnameCmdOutput",
+                     "getBasenameCmdOutput", "getCatCmdOutput", "getAttribute"});
+}
+
 TEST(ExportsTest, PciDeviceFinderOperationsAreExported)
 {
     const std::string finder = "Vantrel::Ostrand::PCIDeviceFinder";

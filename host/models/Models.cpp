@@ -1,6 +1,7 @@
 #include "host/models/Models.h"
 
 #include <cstdlib>
+#include <stdexcept>
 
 namespace Vantrel {
 namespace Ostrand {
@@ -38,6 +39,18 @@ void loadSerial(FakeMachine& m, const Directive& d)
     m.addNode(d.words[1], 'c', model);
 }
 
+void loadUsbfs(FakeMachine& m, const Directive& d)
+{
+    needWords(d, 3, "usbfs PATH DEVICEFILE");
+    std::shared_ptr<UsbfsModel> model;
+    try {
+        model = UsbfsModel::parse(d.data(d.words[2]));
+    } catch (const std::invalid_argument& e) {
+        d.fail(d.words[2] + ", " + e.what());
+    }
+    m.addNode(d.words[1], 'c', model);
+}
+
 } // namespace
 
 const std::vector<ModelDirective>& modelDirectives()
@@ -45,6 +58,7 @@ const std::vector<ModelDirective>& modelDirectives()
     static const std::vector<ModelDirective> list = {
         {"memory", loadMemory},
         {"serial", loadSerial},
+        {"usbfs", loadUsbfs},
     };
     return list;
 }
