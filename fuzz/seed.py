@@ -108,3 +108,19 @@ put('usb_descriptors_fuzz', 'negative-length', bytes([9, 2, 0x80, 0, 1, 1, 0, 0x
 put('usb_attribute_fuzz', 'present', escaped('Product') + 'Vendor5|LABCOProduct10|USB CD-ROMSerial0|')
 put('usb_attribute_fuzz', 'missing', escaped('k') + '3|abcdef')
 put('usb_attribute_fuzz', 'behind', escaped('abc'))
+
+# The lsusb target reads the whole input as "lsusb -v" text.
+for name in sorted(os.listdir(os.path.join(captures, 'lsusb'))):
+    put('lsusb_fuzz', name.rsplit('.', 1)[0], read(f'lsusb/{name}'))
+put('lsusb_fuzz', 'lab-server', read('lab-server/lsusb-v.txt'))
+put('lsusb_fuzz', 'quirks',
+    'Bus 001 Device 003: ID 0781:5567 SanDisk Corp. Cruzer\n'
+    '  bcdUSB  12\x01tail\n  iSerial  3 AB\x05CD\x02EF\n  idVendor  0x0000 Self Powered\n'
+    '    MaxPower  100\n  iProduct  2 RDX\n      bInterfaceClass 99999999999999999999\n'
+    + '  iSerial 3 ' + 'A' * 300 + '\n'
+    'Bus 001 Device 003: ID 0930:6545 same path\n'
+    '      (Bus Powered) Bus 005 Device 007:\n'
+    'Bus 001 Device 001: ID 1d6b:0002\n'
+    'Bus 001 Device 004: ID 04b3:4010 \n'
+    'Bus 001 Device 005: ID 04b3:4010\n')
+put('lsusb_fuzz', 'missing', 'Bus 001 Device 002: ID 8087:0024 Hub\nsh: lsusb: command not found\n')

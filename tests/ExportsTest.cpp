@@ -154,6 +154,20 @@ TEST(ExportsTest, PciDeviceFinderOperationsAreExported)
     EXPECT_TRUE(exportsName("typeinfo for " + finder, "VR"));
 }
 
+TEST(ExportsTest, UsbRecordAndLsusbParserAreExported)
+{
+    // The record lives in the global namespace.
+    expectFunctions("Usb_Device::", {"Usb_Device", "~Usb_Device"});
+    bool copyConstructor = false;
+    for (const Symbol& symbol : exportedSymbols()) {
+        copyConstructor = copyConstructor || symbol.name == "Usb_Device::Usb_Device(Usb_Device const&)";
+    }
+    EXPECT_TRUE(copyConstructor);
+    expectFunctions("Vantrel::Ostrand::lsusbParser::",
+                    {"lsusbParser", "~lsusbParser", "getlsusbOutput", "getInfoforOneUsbDev", "parseBuffer",
+                     "isContrlChar", "getFirstDigit", "getFirstAlphaNumChar"});
+}
+
 TEST(ExportsTest, GlobalsOfTheGlobalNamespaceAreExported)
 {
     EXPECT_TRUE(exportsName("pLogFile", "BD"));

@@ -1,0 +1,134 @@
+// The lsusb parser on a 50-device "lsusb -v" text made of the real
+// captures' device blocks, each on a bus of its own: the whole run through
+// the tool's stream, and the scanning of the lines alone.
+#include "host/fake/FakeMachine.h"
+#include "tests/support/Machines.h"
+#include "usb/LsusbText.h"
+#include "usb/lsusbParser.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using namespace Vantrel::Ostrand;
+
+namespace {
+
+const int kDevices = 50;
+
+// The device blocks of a capture: from a device line up to the next one.
+std::vector<std::string> deviceBlocks(const std::string& text)
+{
+    std::vector<std::string> blocks;
+    std::istringstream lines(text);
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (line.compare(0, 5, "Bus 0") == 0) {
+            blocks.push_back("");
+        }
+        if (!blocks.empty()) {
+            blocks.back() += line + "\n";
+        }
+    }
+    return blocks;
+}
+
+// The captures' blocks in turn, the n-th on bus n so that every path differs.
+std::string fiftyDevices()
+{
+    const char* const captures[] = {"lab-server/lsusb-v.txt", "lsusb/server-ibm-x3650m3-vendor0000-mouse.txt",
+                                    "lsusb/server-cisco-ucsc-c220m4.txt", "lsusb/server-lenovo-sr650-centos7-xcc.txt",
+                                    "lsusb/server-supermicro-x9drw-nonroot-nostrings.txt",
+                                    "lsusb/old-2003-lkml-usb-dvd-burner.txt"};
+    std::vector<std::string> blocks;
+    for (const char* capture : captures) {
+        for (const std::string& block : deviceBlocks(ostrand_test::capture(capture))) {
+            blocks.push_back(block);
+        }
+    }
+    std::string text = "\n";
+    for (int n = 0; n < kDevices; ++n) {
+        std::string block = blocks[static_cast<size_t>(n) % blocks.size()];
+        char bus[4];
+        std::snprintf(bus, sizeof bus, "%03d", n + 1);
+        block.replace(4, 3, bus);
+        text += block;
+    }
+    return text;
+}
+
+const std::string& text()
+{
+    static const std::string made = fiftyDevices();
+    return made;
+}
+
+void BM_LsusbGetlsusbOutput(benchmark::State& state)
+{
+    host::FakeMachine machine;
+    machine.setUname("2.6.18-8.el5", "x86_64");
+    machine.addCommand("lsusb -v 2>&1", text());
+    host::ScopedMachine scope{machine};
+    size_t devices = 0;
+    for (auto _ : state) {
+        lsusbParser parser(nullptr);
+        UsbMap map;
+        parser.getlsusbOutput(map);
+        devices = map.size();
+        // The map, not the count: this library version's DoNotOptimize on a
+        // size_t lvalue ("+m,r") leaves GCC reading an unset register after it.
+        benchmark::DoNotOptimize(map);
+    }
+    if (devices != static_cast<size_t>(kDevices)) {
+        state.SkipWithError("the map does not hold 50 devices");
+    }
+    state.counters["devices"] = static_cast<double>(devices);
+    state.SetItemsProcessed(state.iterations() * kDevices);
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text().size()));
+}
+BENCHMARK(BM_LsusbGetlsusbOutput)->Unit(benchmark::kMicrosecond);
+
+// The lines as the stream gives them, then only the gathering and scanning.
+void BM_LsusbScanLines(benchmark::State& state)
+{
+    std::vector<std::string> lines;
+    {
+        std::vector<char> bytes(text().begin(), text().end());
+        FILE* stream = fmemopen(bytes.data(), bytes.size(), "r");
+        char line[kLsusbLineSize] = {};
+        while (stream != nullptr && readToolLine(stream, line)) {
+            lines.push_back(line);
+        }
+        if (stream != nullptr) {
+            std::fclose(stream);
+        }
+    }
+    lsusbParser parser(nullptr);
+    char buffer[kLsusbLineSize] = {};
+    size_t devices = 0;
+    for (auto _ : state) {
+        UsbMap map;
+        LsusbDeviceCollector collector(parser, map);
+        for (const std::string& line : lines) {
+            std::memcpy(buffer, line.c_str(), line.size() + 1);
+            collector.takeLine(buffer);
+        }
+        collector.finish();
+        devices = map.size();
+        // The map, not the count: this library version's DoNotOptimize on a
+        // size_t lvalue ("+m,r") leaves GCC reading an unset register after it.
+        benchmark::DoNotOptimize(map);
+    }
+    if (devices != static_cast<size_t>(kDevices)) {
+        state.SkipWithError("the map does not hold 50 devices");
+    }
+    state.counters["lines"] = static_cast<double>(lines.size());
+    state.SetItemsProcessed(state.iterations() * kDevices);
+}
+BENCHMARK(BM_LsusbScanLines)->Unit(benchmark::kMicrosecond);
+
+} // namespace
