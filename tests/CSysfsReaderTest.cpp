@@ -21,6 +21,7 @@
 #include <dlfcn.h>
 #include <filesystem>
 #include <fstream>
+#include <mntent.h>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -1071,10 +1072,18 @@ TEST_F(LabServerSysfsTest, TheKeyIsThePathNotTheBusId)
 TEST_F(CSysfsReaderTest, NoPciShapedTokenLeavesTheOutputs)
 {
     const std::string gadget = "platform/dummy_hcd.0/usb9/9-1";
+    // The root bus's name has 10 characters and is no candidate.
+    const std::string onRoot = "pci0000:00/usb8";
+    // Twelve characters without separators are none either.
+    const std::string plain = "pci0000:00/abcdefghijkl/usb7";
     tree.device(gadget, {{"devnum", "2\n"}}).onBus("usb", gadget);
-    std::string bus = "b", device = "d", function = "f";
-    EXPECT_EQ(reader.GetPCIDeviceBDF(devicePath(gadget), BUS_TYPE_USB, bus, device, function), 0);
-    EXPECT_EQ(bus + device + function, "bdf");
+    tree.device(onRoot, {{"devnum", "1\n"}}).onBus("usb", onRoot);
+    tree.device(plain, {{"devnum", "1\n"}}).onBus("usb", plain);
+    for (const std::string& path : {gadget, onRoot, plain}) {
+        std::string bus = "b", device = "d", function = "f";
+        EXPECT_EQ(reader.GetPCIDeviceBDF(devicePath(path), BUS_TYPE_USB, bus, device, function), 0) << path;
+        EXPECT_EQ(bus + device + function, "bdf") << path;
+    }
 }
 
 TEST_F(CSysfsReaderTest, OutputsAreAssignedAndTheDomainIsDropped)
@@ -1482,6 +1491,43 @@ TEST(CSysfsReaderSeamTest, TheFakeFolderIsHandedOnThroughAShortAlias)
         alias = machine.sysfsRoot();
     }
     EXPECT_FALSE(fs::exists(fs::path(alias).parent_path()));
+}
+
+// The mount table that libsysfs reads, as each machine shows it.
+std::string mountTable()
+{
+    FILE* table = ::setmntent("/proc/mounts", "r");
+    if (table == nullptr) {
+        return "(none)";
+    }
+    std::string lines;
+    while (struct mntent* entry = ::getmntent(table)) {
+        lines += std::string(entry->mnt_fsname) + " " + entry->mnt_dir + " " + entry->mnt_type + "\n";
+    }
+    ::endmntent(table);
+    return lines;
+}
+
+TEST(CSysfsReaderSeamTest, EachMachineShowsLibsysfsItsOwnMountTable)
+{
+    SysfsTree tree;
+    {
+        host::FakeMachine machine;
+        machine.setSysfs(tree.root());
+        host::ScopedMachine scope{machine};
+        EXPECT_EQ(mountTable(), "sysfs " + std::string(machine.sysfsRoot()) + " sysfs\n");
+        machine.setSysfsMounted(false);
+        EXPECT_EQ(mountTable(), "");
+    }
+    {
+        host::FakeMachine machine;
+        host::ScopedMachine scope{machine};
+        EXPECT_EQ(mountTable(), "sysfs /nonexistent/ostrand-fake-machine/sys sysfs\n");
+    }
+    // The live machine's own table, whatever it holds, has its root in it.
+    std::string live = mountTable();
+    EXPECT_NE(live.find(" / "), std::string::npos) << live;
+    EXPECT_EQ(live.find("ostrand"), std::string::npos) << live;
 }
 
 TEST(CSysfsReaderSeamTest, MachineDirectoriesNameTheFolderAndTheMount)
