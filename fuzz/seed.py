@@ -4,6 +4,7 @@
 usage: seed.py CAPTURES_DIR OUT_DIR
 """
 import os
+import re
 import sys
 
 captures, out = sys.argv[1], sys.argv[2]
@@ -124,3 +125,17 @@ put('lsusb_fuzz', 'quirks',
     'Bus 001 Device 004: ID 04b3:4010 \n'
     'Bus 001 Device 005: ID 04b3:4010\n')
 put('lsusb_fuzz', 'missing', 'Bus 001 Device 002: ID 8087:0024 Hub\nsh: lsusb: command not found\n')
+
+# The sysfs attribute target's layout: the name and the SCSI id as escaped
+# strings, the value, two bytes of len and a flags byte last (1: no value,
+# 2: len as libsysfs sets it).
+for i, line in enumerate(lines('lab-server/sysfs-scsi.txt')):
+    m = re.match(r'(\S+) type=(\d+) vendor=\[(.*?)\] model=\[(.*?)\] rev=\[(.*?)\]', line)
+    if not m:
+        continue
+    for name, value in (('type', m.group(2)), ('vendor', m.group(3)), ('model', m.group(4)), ('rev', m.group(5))):
+        put('sysfs_attribute_fuzz', f'lab-server-{i}-{name}',
+            escaped(name) + escaped(m.group(1)) + value + '\n' + '\0\0' + '\x02')
+put('sysfs_attribute_fuzz', 'no-line-feed', escaped('value') + escaped('0:0:1') + 'abcd' + '\x00\x04' + '\x00')
+put('sysfs_attribute_fuzz', 'no-value', escaped('remove') + escaped('1:2:3:4:5') + '\0\0' + '\x01')
+put('sysfs_attribute_fuzz', 'inner-zero', escaped('inquiry') + escaped('1:2:3:') + 'ab\0cd\n' + '\0\0' + '\x02')

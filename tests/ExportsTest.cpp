@@ -168,6 +168,24 @@ TEST(ExportsTest, UsbRecordAndLsusbParserAreExported)
                      "isContrlChar", "getFirstDigit", "getFirstAlphaNumChar"});
 }
 
+TEST(ExportsTest, SysfsReaderOperationsAndStaticsAreExported)
+{
+    expectFunctions("Vantrel::Ostrand::CSysfsReader::",
+                    {"CSysfsReader", "~CSysfsReader", "InitializeBusMap", "Lookup", "CheckandMountSysfs",
+                     "SetAttribute", "GetScsiDeviceCBTL", "GetDeviceList", "GetDeviceAttr", "GetDeviceDriver",
+                     "GetPCIDeviceBDF", "GetClsDeviceList", "GetClsDeviceAttr"});
+    EXPECT_TRUE(exportsName("Vantrel::Ostrand::CSysfsReader::m_BusMap[abi:cxx11]", "BD"));
+    EXPECT_TRUE(exportsName("Vantrel::Ostrand::CSysfsReader::m_BusMapInitialize", "BD"));
+}
+
+TEST(ExportsTest, TheLibraryNeedsLibsysfs)
+{
+    int status = 0;
+    std::string output = runCommand(std::string("readelf -d '") + kLibrary + "' 2>&1", status);
+    ASSERT_EQ(status, 0) << output;
+    EXPECT_NE(output.find("Shared library: [libsysfs.so.2]"), std::string::npos) << output;
+}
+
 TEST(ExportsTest, GlobalsOfTheGlobalNamespaceAreExported)
 {
     EXPECT_TRUE(exportsName("pLogFile", "BD"));

@@ -1,6 +1,6 @@
 // Malformed machines, one row each: missing and broken tools, odd tool output,
-// an empty /dev/, unreadable or empty firmware areas, broken SMBIOS tables and
-// modems that flood or never stop. Each row runs the finders it concerns (
+// an empty /dev/, unreadable or empty firmware areas, broken SMBIOS tables,
+// modems that flood or never stop, and broken or missing sysfs trees. Each row runs the finders it concerns (
 // through the facade where the inventory matters) and states what they return,
 // which exception (if any) reaches the caller, and which descriptors, streams
 // and mappings are still open afterwards. Under the sanitizers each row also
@@ -16,11 +16,13 @@
 #include "host/models/Models.h"
 #include "platform/smbios/SmbiosException.h"
 #include "platform/smbios/SmbiosFactory.h"
+#include "probes/CSysfsReader.h"
 #include "probes/LinuxUtils.h"
 #include "probes/PCIUtil.h"
 #include "tests/support/Firmware.h"
 #include "tests/support/Machines.h"
 #include "tests/support/Modems.h"
+#include "tests/support/SysfsTree.h"
 
 #include <gtest/gtest.h>
 
@@ -129,6 +131,16 @@ public:
     int reads = 0;
 };
 
+// The sysfs tree of a row, kept until the row is done.
+std::unique_ptr<ostrand_test::SysfsTree> g_sysfs;
+
+ostrand_test::SysfsTree& sysfsOf(host::FakeMachine& machine)
+{
+    g_sysfs = std::make_unique<ostrand_test::SysfsTree>();
+    machine.setSysfs(g_sysfs->root());
+    return *g_sysfs;
+}
+
 struct Row {
     const char* name;
     std::function<void(host::FakeMachine&)> build;
@@ -142,6 +154,7 @@ protected:
     void SetUp() override { smbios::SmbiosFactory::reset(); }
     void TearDown() override
     {
+        g_sysfs.reset();
         if (CWmiInfo::_CWmiInfoInstance != nullptr) {
             CWmiInfo::_CWmiInfoInstance->freeEnumerateDeviceHandle();
         }
@@ -671,6 +684,105 @@ const Row kRows[] = {
          ModemDeviceFinder modem;
          EXPECT_TRUE(enumerate(modem).empty());
          EXPECT_EQ(machine.openDescriptors(), std::vector<std::string>{"/dev/ttySL0"});
+     }},
+
+    {"SysfsWithDanglingLinksAndMissingAttributes",
+     [](host::FakeMachine& machine) {
+         const std::string cdrom = "pci0000:00/0000:00:05.0/host2/target2:0:2/2:0:2:0";
+         sysfsOf(machine)
+             // A SCSI device with none of its attributes, on the bus and in sg.
+             .device(cdrom)
+             .onBus("scsi", cdrom)
+             .classDevice("scsi_generic", cdrom, "sg1")
+             // Its driver link leads nowhere; the driver's link to a device too.
+             .link("devices/" + cdrom + "/driver", "bus/scsi/drivers/gone")
+             .link("bus/scsi/drivers/sr/9:0:0:0", "devices/pci0000:00/0000:00:05.0/host2/target2:0:9/9:0:0:0")
+             // Bus and class links to folders that are not there.
+             .link("bus/scsi/devices/3:0:0:0", "devices/pci0000:00/0000:00:07.0/host3/target3:0:0/3:0:0:0")
+             .link("class/scsi_generic/sg2", "devices/pci0000:00/0000:00:07.0/host3/target3:0:0/3:0:0:0/scsi_generic/sg2")
+             // A class device whose device link leads nowhere.
+             .device("virtual/scsi_generic/sg4", {{"dev", "21:4\n"}})
+             .link("devices/virtual/scsi_generic/sg4/device", "devices/pci0000:00/0000:00:01.2/usb2/2-2")
+             .link("class/scsi_generic/sg4", "devices/virtual/scsi_generic/sg4");
+     },
+     [](host::FakeMachine& machine) {
+         CSysfsReader reader(nullptr);
+         StrMapMap devices;
+         ASSERT_EQ(reader.GetDeviceList(BUS_TYPE_SCSI, devices), 0);
+         ASSERT_EQ(devices.size(), 1u);
+         EXPECT_EQ(devices.at("2:0:2:0").at("driver_name"), "gone");
+         StrMap attributes;
+         EXPECT_EQ(reader.GetDeviceAttr("2:0:2:0", BUS_TYPE_SCSI, attributes), 0);
+         EXPECT_TRUE(attributes.empty());
+         EXPECT_EQ(reader.GetDeviceAttr("3:0:0:0", BUS_TYPE_SCSI, attributes), 1);
+         std::string driver = "x";
+         EXPECT_EQ(reader.GetDeviceDriver("2:0:2:0", BUS_TYPE_SCSI, driver), 1);
+         EXPECT_EQ(driver, "");
+         std::string bus = "b", device = "d", function = "f";
+         EXPECT_EQ(reader.GetPCIDeviceBDF(devices.at("2:0:2:0").at("path"), BUS_TYPE_SCSI, bus, device, function), 0);
+         EXPECT_EQ(bus + " " + device + " " + function, "00 05 0");
+         StrMapMap classDevices;
+         ASSERT_EQ(reader.GetClsDeviceList("scsi_generic", classDevices), 0);
+         EXPECT_EQ(classDevices.count("sg1"), 1u);
+         EXPECT_EQ(classDevices.count("sg4"), 1u);
+         StrMap classAttributes, deviceAttributes;
+         EXPECT_EQ(reader.GetClsDeviceAttr("scsi_generic", "sg1", classAttributes, deviceAttributes), 0);
+         EXPECT_TRUE(classAttributes.empty());
+         EXPECT_EQ(deviceAttributes.size(), 5u);
+         EXPECT_EQ(deviceAttributes.at("bus_id"), "2:0:2:0");
+         StrMap sg4Attributes, sg4Device;
+         EXPECT_EQ(reader.GetClsDeviceAttr("scsi_generic", "sg4", sg4Attributes, sg4Device), 0);
+         EXPECT_EQ(sg4Attributes, (StrMap{{"dev", "21:4"}}));
+         EXPECT_TRUE(sg4Device.empty());
+         EXPECT_TRUE(machine.mounts().empty());
+     }},
+
+    {"SysfsOfFilesWhereFoldersBelong",
+     [](host::FakeMachine& machine) {
+         sysfsOf(machine)
+             .file("bus/scsi", "not a folder\n")
+             .file("bus/pci/devices", "not a folder\n")
+             .file("class/block", "not a folder\n")
+             .file("class/scsi_host/host0", "not a folder\n")
+             .folder("devices");
+     },
+     [](host::FakeMachine&) {
+         CSysfsReader reader(nullptr);
+         StrMapMap devices;
+         StrMap a, b;
+         std::string driver, bus, device, function;
+         EXPECT_EQ(reader.GetDeviceList(BUS_TYPE_SCSI, devices), 3);
+         EXPECT_EQ(reader.GetDeviceList(BUS_TYPE_PCI, devices), 1);
+         EXPECT_EQ(reader.GetDeviceAttr("0000:00:05.0", BUS_TYPE_PCI, a), 1);
+         EXPECT_EQ(reader.GetDeviceDriver("0000:00:05.0", BUS_TYPE_PCI, driver), 1);
+         EXPECT_EQ(reader.GetPCIDeviceBDF("/sys/devices/pci0000:00", BUS_TYPE_PCI, bus, device, function), 1);
+         EXPECT_EQ(reader.GetClsDeviceList("block", devices), 4);
+         EXPECT_EQ(reader.GetClsDeviceAttr("scsi_host", "host0", a, b), 1);
+         EXPECT_TRUE(devices.empty());
+         EXPECT_TRUE(a.empty());
+         EXPECT_TRUE(b.empty());
+     }},
+
+    {"SysfsNotMountedAndTheMountRefused",
+     [](host::FakeMachine& machine) {
+         sysfsOf(machine).device("pci0000:00/0000:00:05.0", {{"vendor", "0x1000\n"}}).onBus("pci", "pci0000:00/0000:00:05.0");
+         machine.setSysfsMounted(false);
+         machine.refuseMounts(EPERM);
+     },
+     [](host::FakeMachine& machine) {
+         CSysfsReader reader(nullptr);
+         StrMapMap devices;
+         StrMap a, b;
+         std::string driver = "x", bus, device, function;
+         EXPECT_EQ(reader.GetDeviceList(BUS_TYPE_PCI, devices), 2);
+         EXPECT_EQ(reader.GetDeviceAttr("0000:00:05.0", BUS_TYPE_PCI, a), 2);
+         EXPECT_EQ(reader.GetDeviceDriver("0000:00:05.0", BUS_TYPE_PCI, driver), 2);
+         EXPECT_EQ(driver, "");
+         EXPECT_EQ(reader.GetPCIDeviceBDF("x", BUS_TYPE_PCI, bus, device, function), 2);
+         EXPECT_EQ(reader.GetClsDeviceList("block", devices), 2);
+         EXPECT_EQ(reader.GetClsDeviceAttr("block", "sda", a, b), 2);
+         EXPECT_TRUE(devices.empty() && a.empty() && b.empty());
+         EXPECT_EQ(machine.mounts().size(), 6u);
      }},
 };
 

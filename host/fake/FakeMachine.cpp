@@ -1,5 +1,6 @@
 #include "host/fake/FakeMachine.h"
 
+#include "host/fake/FakeSysfs.h"
 #include "host/models/FileModel.h"
 
 #include <algorithm>
@@ -176,11 +177,23 @@ int FakeMachine::mount(const char* source, const char* target, const char* type,
     return 0;
 }
 
+void FakeMachine::setSysfs(const std::string& folder)
+{
+    m_sysfs = folder;
+    m_sysfsAlias.reset();
+}
+
 const char* FakeMachine::sysfsRoot()
 {
     // Without a folder of its own, the machine points libsysfs at a place
     // that is not there, never at the sysfs of the machine that runs it.
-    return m_sysfs.empty() ? "/nonexistent/ostrand-fake-machine/sys" : m_sysfs.c_str();
+    if (m_sysfs.empty()) {
+        return "/nonexistent/ostrand-fake-machine/sys";
+    }
+    if (m_sysfsAlias == nullptr) {
+        m_sysfsAlias = std::make_unique<SysfsAlias>(m_sysfs);
+    }
+    return m_sysfsAlias->path().c_str();
 }
 
 int FakeMachine::semget(key_t key, int count, int flags) { return m_semaphores.semget(key, count, flags); }

@@ -23,6 +23,8 @@ namespace Vantrel {
 namespace Ostrand {
 namespace host {
 
+class SysfsAlias;
+
 class FakeMachine : public Machine {
 public:
     FakeMachine();
@@ -50,8 +52,10 @@ public:
     void denyOpen(const std::string& path, int error);
     void setUname(const std::string& release, const std::string& machine);
     // The folder that stands for /sys, a real directory tree that libsysfs
-    // reads. Without one, libsysfs finds no bus and no class.
-    void setSysfs(const std::string& folder) { m_sysfs = folder; }
+    // reads (through a short alias, see host/fake/FakeSysfs.h; paths that
+    // libsysfs gives back begin with sysfsRoot()). Without one, libsysfs
+    // finds no bus and no class.
+    void setSysfs(const std::string& folder);
     // Whether sysfs is mounted (it is by default). Mounting sysfs mounts it,
     // unless mounts are refused.
     void setSysfsMounted(bool mounted) { m_sysfsMounted = mounted; }
@@ -128,6 +132,7 @@ private:
     std::string m_release = "6.1.0-56-amd64";
     std::string m_machine = "x86_64";
     std::string m_sysfs;
+    std::unique_ptr<SysfsAlias> m_sysfsAlias;
     bool m_sysfsMounted = true;
     int m_mountError = 0;
 
