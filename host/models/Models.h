@@ -8,6 +8,7 @@
 #include "host/models/MemoryModel.h"
 #include "host/models/ModemScript.h"
 #include "host/models/SerialModel.h"
+#include "host/models/SgModel.h"
 
 #include <vector>
 
