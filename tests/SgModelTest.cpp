@@ -539,7 +539,8 @@ TEST(LabServerSgTest, TheSgNodesMatchTheSysfsViewOfTheScsiDevices)
 {
     // "1:0:0:0 type=5 vendor=[QEMU    ] model=[QEMU DVD-ROM    ] ... sg=sg0 removable=1"
     static const std::regex line(
-        R"re((\d+):(\d+):(\d+):(\d+) type=(\d+) vendor=\[(.{8})\] model=\[(.{16})\] rev=\[(.{4})\] block=\S+ sg=(sg\d+) removable=(\d))re");
+        R"re((\d+):(\d+):(\d+):(\d+) type=(\d+) vendor=\[(.{8})\] model=\[(.{16})\] rev=\[(.{4})\] )re"
+        R"re(block=\S+ sg=(sg\d+) removable=(\d))re");
     auto machine = labServer();
     host::ScopedMachine scope{*machine};
     std::istringstream lines(ostrand_test::capture("lab-server/sysfs-scsi.txt"));

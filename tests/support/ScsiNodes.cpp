@@ -37,7 +37,8 @@ std::string bytes(std::initializer_list<int> values)
 
 std::map<std::string, SgCapture> labServerSgCaptures()
 {
-    static const std::regex id(R"re((/dev/sg\d+): SG_GET_SCSI_ID host=(\d+) channel=(\d+) id=(\d+) lun=(\d+) type=(\d+))re");
+    static const std::regex id(
+        R"re((/dev/sg\d+): SG_GET_SCSI_ID host=(\d+) channel=(\d+) id=(\d+) lun=(\d+) type=(\d+))re");
     static const std::regex emulated(R"re((/dev/sg\d+): SG_EMULATED_HOST (\d+))re");
     static const std::regex probe(R"re((/dev/sg\d+): SCSI_IOCTL_PROBE_HOST ret=1 "(.*)")re");
     static const std::regex inquiry(
