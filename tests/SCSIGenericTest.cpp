@@ -311,6 +311,8 @@ TEST_F(SemaphoreTest, EveryFullConstructorResetsTheSemaphoreToOneEvenWhileItIsHe
     EXPECT_EQ(machine.semaphoreValue(kKey), 0);
     SCSIGeneric second;
     EXPECT_EQ(machine.semaphoreValue(kKey), 1);
+    // As on the kernel, setting the value forgets the holder's undo adjustment.
+    EXPECT_EQ(machine.semaphores().undo(kKey), 0);
     // So the second gets in while the first holds it, and after both unlock
     // the value is 2.
     EXPECT_EQ(second.sempahore_lock(), 0);
