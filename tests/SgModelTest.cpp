@@ -30,7 +30,7 @@ namespace {
 // An SG_IO header as a caller fills it, with its own buffers.
 struct Command {
     sg_io_hdr_t header;
-    unsigned char block[16];
+    unsigned char block[32];
     unsigned char data[64];
     unsigned char sense[64];
 
