@@ -139,3 +139,37 @@ for i, line in enumerate(lines('lab-server/sysfs-scsi.txt')):
 put('sysfs_attribute_fuzz', 'no-line-feed', escaped('value') + escaped('0:0:1') + 'abcd' + '\x00\x04' + '\x00')
 put('sysfs_attribute_fuzz', 'no-value', escaped('remove') + escaped('1:2:3:4:5') + '\0\0' + '\x01')
 put('sysfs_attribute_fuzz', 'inner-zero', escaped('inquiry') + escaped('1:2:3:') + 'ab\0cd\n' + '\0\0' + '\x02')
+# SCSI. The sense target's layout: status, sb_len_wr, the number n of sense
+# bytes, the n sense bytes, then the data of the reply.
+def fixed_sense(key, code, qualifier=0):
+    return bytes([0x70, 0, key, 0, 0, 0, 0, 10, 0, 0, 0, 0, code, qualifier, 0, 0, 0, 0])
+
+
+def descriptor_sense(key, code, qualifier=0):
+    return bytes([0x72, key, code, qualifier, 0, 0, 0, 0])
+
+
+def sense_seed(status, written, sense, data=b''):
+    return bytes([status, written, len(sense)]) + sense + data
+
+
+put('scsi_sense_fuzz', 'good-2880-blocks', sense_seed(0, 0, b'', bytes([0, 0, 0x0B, 0x3F, 0, 0, 2, 0])))
+put('scsi_sense_fuzz', 'no-medium', sense_seed(2, 18, fixed_sense(2, 0x3A)))
+put('scsi_sense_fuzz', 'medium-changed', sense_seed(2, 18, fixed_sense(6, 0x28)))
+put('scsi_sense_fuzz', 'incompatible', sense_seed(2, 18, fixed_sense(3, 0x30)))
+put('scsi_sense_fuzz', 'illegal-request-descriptor', sense_seed(2, 8, descriptor_sense(5, 0x24)))
+put('scsi_sense_fuzz', 'twelve-bytes', sense_seed(2, 12, fixed_sense(2, 0x3A)))
+
+# The INQUIRY data and host adapter texts of the lab server's sg nodes.
+for line in lines('lab-server/ioctls.txt'):
+    m = re.match(r'/dev/(sg\d+): SG_IO INQUIRY type=(\d+) rmb=(\d) vendor="(.*)" product="(.*)" rev="(.*)"', line)
+    if m:
+        node, kind, rmb, vendor, product, rev = m.groups()
+        data = bytes([int(kind), 0x80 if rmb == '1' else 0, 5, 2, 31, 0, 0, 0])
+        data += vendor.ljust(8)[:8].encode() + product.ljust(16)[:16].encode() + rev.ljust(4)[:4].encode()
+        put('scsi_inquiry_fuzz', f'lab-server-{node}', data)
+    m = re.match(r'/dev/(sg\d+): SCSI_IOCTL_PROBE_HOST ret=1 "(.*)"', line)
+    if m:
+        put('scsi_inquiry_fuzz', f'lab-server-{m.group(1)}-host', m.group(2))
+put('scsi_inquiry_fuzz', 'usb-host', 'SCSI emulation for USB Mass Storage devices')
+put('scsi_inquiry_fuzz', 'ide-host', 'ide-scsi IDE emulation')

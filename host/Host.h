@@ -9,6 +9,7 @@
 #include <ctime>
 #include <dirent.h>
 #include <sys/sem.h>
+#include <sys/time.h>
 #include <sys/types.h>
 #include <sys/utsname.h>
 #include <termios.h>
@@ -72,7 +73,11 @@ public:
     virtual unsigned int sleep(unsigned int seconds) = 0;
     virtual int usleep(useconds_t microseconds) = 0;
     virtual time_t time(time_t* out) = 0;
+    virtual int gettimeofday(struct timeval* now) = 0;
     virtual void sleepForSeconds(unsigned int seconds) = 0;
+
+    // The system log. The text is handed over as syslog's format, as it stands.
+    virtual void syslog(int priority, const char* format) = 0;
 };
 
 // The machine in use.
@@ -135,7 +140,9 @@ inline int semop(int id, struct sembuf* operations, size_t count) { return machi
 inline unsigned int sleep(unsigned int seconds) { return machine().sleep(seconds); }
 inline int usleep(useconds_t microseconds) { return machine().usleep(microseconds); }
 inline time_t time(time_t* out) { return machine().time(out); }
+inline int gettimeofday(struct timeval* now) { return machine().gettimeofday(now); }
 inline void sleepForSeconds(unsigned int seconds) { machine().sleepForSeconds(seconds); }
+inline void syslog(int priority, const char* format) { machine().syslog(priority, format); }
 
 } // namespace host
 } // namespace Ostrand

@@ -10,6 +10,7 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
+#include <syslog.h>
 
 namespace Vantrel {
 namespace Ostrand {
@@ -85,7 +86,14 @@ public:
     unsigned int sleep(unsigned int seconds) override { return ::sleep(seconds); }
     int usleep(useconds_t microseconds) override { return ::usleep(microseconds); }
     time_t time(time_t* out) override { return ::time(out); }
+    int gettimeofday(struct timeval* now) override { return ::gettimeofday(now, nullptr); }
     void sleepForSeconds(unsigned int seconds) override { Vantrel::System::SysUtil::sleepForSeconds(seconds); }
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    // The caller's text is the format: that is how the log line was always written.
+    void syslog(int priority, const char* format) override { ::syslog(priority, format); }
+#pragma GCC diagnostic pop
 };
 
 Machine* g_current = nullptr;

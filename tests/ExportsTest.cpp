@@ -184,6 +184,21 @@ TEST(ExportsTest, TheLibraryNeedsLibsysfs)
     std::string output = runCommand(std::string("readelf -d '") + kLibrary + "' 2>&1", status);
     ASSERT_EQ(status, 0) << output;
     EXPECT_NE(output.find("Shared library: [libsysfs.so.2]"), std::string::npos) << output;
+TEST(ExportsTest, ScsiGenericAndTheSemaphoreFunctionsAreExported)
+{
+    expectFunctions("Vantrel::Ostrand::SCSIGeneric::",
+                    {"SCSIGeneric", "~SCSIGeneric", "sempahore_lock", "sempahore_unlock", "setnumOfValidSgNodes",
+                     "getNumofActiveSGs", "getSgfromMap", "scsiGenericIoctl", "checkSenseBuffer", "doTestUnitReady",
+                     "doReadCapacity", "isEmulated"});
+    EXPECT_TRUE(exportsName("zt_sem_create(int)", "T"));
+    EXPECT_TRUE(exportsName("zt_sem_free(int)", "T"));
+    EXPECT_TRUE(exportsName("zt_sem_wait(int)", "T"));
+    EXPECT_TRUE(exportsName("zt_sem_relinquish(int)", "T"));
+    EXPECT_TRUE(exportsName("zt_sem_semop_retry(int, sembuf*, int)", "T"));
+    EXPECT_TRUE(exportsName("zt_sem_print(char*, char*)", "T"));
+    // The byte readers behind the commands are the library's own business.
+    EXPECT_FALSE(exportsFunction("Vantrel::Ostrand::readSense"));
+    EXPECT_FALSE(exportsFunction("Vantrel::Ostrand::readInquiry"));
 }
 
 TEST(ExportsTest, GlobalsOfTheGlobalNamespaceAreExported)

@@ -19,14 +19,18 @@
 #include "probes/CSysfsReader.h"
 #include "probes/LinuxUtils.h"
 #include "probes/PCIUtil.h"
+#include "probes/SCSIGeneric.h"
 #include "tests/support/Firmware.h"
 #include "tests/support/Machines.h"
 #include "tests/support/Modems.h"
 #include "tests/support/SysfsTree.h"
+#include "tests/support/ScsiNodes.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <fcntl.h>
+#include <scsi/sg.h>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -783,6 +787,85 @@ const Row kRows[] = {
          EXPECT_EQ(reader.GetClsDeviceAttr("block", "sda", a, b), 2);
          EXPECT_TRUE(devices.empty() && a.empty() && b.empty());
          EXPECT_EQ(machine.mounts().size(), 6u);
+    {"SgNodesThatAreNoSgNodes",
+     // Names that begin with sg, but plain nodes that answer no ioctl.
+     [](host::FakeMachine& machine) {
+         machine.addNode("/dev/sg0", 'c', nullptr);
+         machine.addNode("/dev/sg1", 'b', nullptr);
+         machine.addFile("/dev/sgtext", "sg");
+     },
+     [](host::FakeMachine& machine) {
+         SCSIGeneric sg;
+         sg.setnumOfValidSgNodes();
+         EXPECT_EQ(sg.getNumofActiveSGs(), 0);
+         EXPECT_TRUE(machine.sleeps().empty());
+         EXPECT_TRUE(machine.openDescriptors().empty());
+         int fd = host::open("/dev/sg0", O_RDWR | O_NONBLOCK);
+         unsigned char buffer[36] = {};
+         int blocks = 77;
+         EXPECT_EQ(sg.scsiGenericIoctl(fd, SG_IO, 0x12, buffer, 36), -1);
+         EXPECT_EQ(sg.doTestUnitReady(fd), ENOTTY);
+         EXPECT_EQ(sg.doReadCapacity(fd, blocks), -1);
+         EXPECT_EQ(blocks, 77);
+         EXPECT_EQ(sg.isEmulated(fd), -1);
+         host::close(fd);
+     }},
+
+    {"EverySgNodeBusy",
+     [](host::FakeMachine& machine) {
+         for (int i = 0; i < 40; ++i) {
+             std::string path = "/dev/sg" + std::to_string(i);
+             ostrand_test::addSgNode(machine, path, i, 0, 0, 0, 5);
+             machine.denyOpen(path, EBUSY);
+         }
+     },
+     [](host::FakeMachine& machine) {
+         SCSIGeneric sg;
+         EXPECT_EQ(sg.sempahore_lock(), 0);
+         sg.setnumOfValidSgNodes();
+         EXPECT_EQ(sg.sempahore_unlock(), 0);
+         EXPECT_EQ(sg.getNumofActiveSGs(), 0);
+         EXPECT_EQ(sg.getSgfromMap(5, 0, 0, 0, 0), "");
+         EXPECT_EQ(machine.opens().size(), 40u);
+         EXPECT_TRUE(machine.ioctls().empty());
+         EXPECT_TRUE(machine.sleeps().empty());
+         EXPECT_EQ(machine.semaphoreValue(SCSI_GENERIC_SEM_KEY), 1);
+     }},
+
+    {"SgDeviceAnswersGarbage",
+     // Every command: a status that means nothing, sense data of 0xFF with a
+     // length far beyond any buffer, and three bytes of data.
+     [](host::FakeMachine& machine) {
+         auto model = ostrand_test::addSgNode(machine, "/dev/sg0", 255, 255, 255, 255, 31);
+         host::SgReply garbage;
+         garbage.status = 0xFF;
+         garbage.sense = std::string(300, '\xFF');
+         garbage.senseLength = 255;
+         garbage.data = "\xFF\xFF\xFF";
+         for (int opcode : {0x00, 0x12, 0x25, 0x5A}) {
+             model->addReply(opcode, garbage);
+         }
+         model->setProbeHost(std::string(1000, '\xFF'));
+     },
+     [](host::FakeMachine& machine) {
+         SCSIGeneric sg;
+         sg.setnumOfValidSgNodes();
+         EXPECT_EQ(sg.getNumofActiveSGs(), 1);
+         EXPECT_EQ(sg.getSgfromMap(31, 255, 255, 255, 255), "/dev/sg0");
+         int fd = host::open("/dev/sg0", O_RDWR | O_NONBLOCK);
+         unsigned char buffer[36] = {};
+         // Sense key 0xF: not NOT READY, so success.
+         EXPECT_EQ(sg.scsiGenericIoctl(fd, SG_IO, 0x12, buffer, 36), 0);
+         EXPECT_EQ(sg.scsiGenericIoctl(fd, SG_IO, 0x5A, buffer, 36), 0);
+         // No CHECK CONDITION: no sense is read.
+         EXPECT_EQ(sg.doTestUnitReady(fd), 0);
+         int blocks = 0;
+         EXPECT_EQ(sg.doReadCapacity(fd, blocks), 0);
+         // FF FF FF and the buffer's zero: 0xFFFFFF00, plus one, as an int.
+         EXPECT_EQ(blocks, -255);
+         EXPECT_EQ(sg.isEmulated(fd), SG_HOST_OTHER);
+         host::close(fd);
+         EXPECT_TRUE(machine.openDescriptors().empty());
      }},
 };
 

@@ -24,6 +24,13 @@ struct WriteRecord {
     std::string bytes;
 };
 
+// One line handed to the system log: its priority and the text, which went
+// in as the format.
+struct LogRecord {
+    int priority = 0;
+    std::string format;
+};
+
 struct SleepRecord {
     std::string call; // "sleep", "usleep" or "sleepForSeconds"
     int64_t microseconds;

@@ -231,6 +231,21 @@ time_t FakeMachine::time(time_t* out)
     return now;
 }
 
+int FakeMachine::gettimeofday(struct timeval* now)
+{
+    if (m_timeOfDayError != 0) {
+        return fail(m_timeOfDayError);
+    }
+    now->tv_sec = static_cast<time_t>(m_clock.now() / 1000000);
+    now->tv_usec = static_cast<suseconds_t>(m_clock.now() % 1000000);
+    return 0;
+}
+
+void FakeMachine::syslog(int priority, const char* format)
+{
+    m_logLines.push_back({priority, format == nullptr ? "" : format});
+}
+
 void FakeMachine::sleepForSeconds(unsigned int seconds)
 {
     m_sleeps.push_back({"sleepForSeconds", static_cast<int64_t>(seconds) * 1000000});

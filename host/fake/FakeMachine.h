@@ -61,6 +61,8 @@ public:
     void setSysfsMounted(bool mounted) { m_sysfsMounted = mounted; }
     // Makes every mount fail with the errno value.
     void refuseMounts(int error) { m_mountError = error; }
+    // Makes gettimeofday fail with the errno value (0: it answers from the clock).
+    void refuseTimeOfDay(int error) { m_timeOfDayError = error; }
     // The model of a path, or null.
     std::shared_ptr<DeviceModel> model(const std::string& path) const;
     FakeSemaphores& semaphores() { return m_semaphores; }
@@ -76,6 +78,7 @@ public:
     const std::vector<WriteRecord>& writes() const { return m_writes; }
     const std::vector<SleepRecord>& sleeps() const { return m_sleeps; }
     const std::vector<std::string>& mounts() const { return m_mounts; }
+    const std::vector<LogRecord>& logLines() const { return m_logLines; }
     // Paths of the descriptors that are open now, in the order of opening.
     std::vector<std::string> openDescriptors() const;
     // Streams from popen not yet closed, and mappings not yet unmapped.
@@ -114,7 +117,9 @@ public:
     unsigned int sleep(unsigned int seconds) override;
     int usleep(useconds_t microseconds) override;
     time_t time(time_t* out) override;
+    int gettimeofday(struct timeval* now) override;
     void sleepForSeconds(unsigned int seconds) override;
+    void syslog(int priority, const char* format) override;
 
 private:
     struct Descriptor {
@@ -135,6 +140,7 @@ private:
     std::unique_ptr<SysfsAlias> m_sysfsAlias;
     bool m_sysfsMounted = true;
     int m_mountError = 0;
+    int m_timeOfDayError = 0;
 
     std::map<int, Descriptor> m_descriptors;
     int m_nextFd = 3;
@@ -148,6 +154,7 @@ private:
     std::vector<WriteRecord> m_writes;
     std::vector<SleepRecord> m_sleeps;
     std::vector<std::string> m_mounts;
+    std::vector<LogRecord> m_logLines;
     FakeClock m_clock;
 };
 

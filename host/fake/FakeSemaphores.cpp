@@ -64,8 +64,17 @@ int FakeSemaphores::semctl(int id, int, int command, int value)
 int FakeSemaphores::semop(int id, struct sembuf* operations, size_t count)
 {
     Semaphore* s = set(id);
-    if (s == nullptr) {
+    if (s == nullptr || count == 0) {
         return fail(EINVAL);
+    }
+    // The kernel's limit of operations in one call.
+    if (count > 500) {
+        return fail(E2BIG);
+    }
+    for (size_t i = 0; i < count; ++i) {
+        if (operations[i].sem_num != 0) {
+            return fail(EFBIG);
+        }
     }
     int value = s->value;
     int undo = s->undo;

@@ -1,7 +1,9 @@
 #include "host/models/Models.h"
 
+#include <cctype>
 #include <cstdlib>
 #include <stdexcept>
+#include <map>
 
 namespace Vantrel {
 namespace Ostrand {
@@ -51,6 +53,206 @@ void loadUsbfs(FakeMachine& m, const Directive& d)
     m.addNode(d.words[1], 'c', model);
 }
 
+// --- SCSI generic nodes --------------------------------------------------------
+
+std::shared_ptr<SgModel> sgNode(FakeMachine& m, const Directive& d)
+{
+    auto model = std::dynamic_pointer_cast<SgModel>(m.model(d.words[1]));
+    if (!model) {
+        d.fail("no sg node " + d.words[1] + " (its 'sg' line comes first)");
+    }
+    return model;
+}
+
+int flag(const Directive& d, const std::string& key, int fallback)
+{
+    long value = d.number(key, fallback);
+    if (value != 0 && value != 1) {
+        d.fail("'" + key + "' is 0 or 1");
+    }
+    return static_cast<int>(value);
+}
+
+// key=value words, where a value in double quotes may hold blanks and the
+// escapes of modem files (and \" for a quote).
+std::map<std::string, std::string> quotedFields(const Directive& d, const std::string& text)
+{
+    std::map<std::string, std::string> fields;
+    size_t i = 0;
+    while (true) {
+        i = text.find_first_not_of(" \t", i);
+        if (i == std::string::npos) {
+            return fields;
+        }
+        size_t equals = text.find('=', i);
+        size_t blank = text.find_first_of(" \t", i);
+        if (equals == std::string::npos || (blank != std::string::npos && blank < equals)) {
+            d.fail("expected key=value at: " + text.substr(i));
+        }
+        std::string key = text.substr(i, equals - i);
+        i = equals + 1;
+        std::string value;
+        if (i < text.size() && text[i] == '"') {
+            size_t end = i + 1;
+            while (end < text.size() && text[end] != '"') {
+                end += text[end] == '\\' ? 2 : 1;
+            }
+            if (end >= text.size()) {
+                d.fail("no closing quote for " + key);
+            }
+            std::string raw = text.substr(i + 1, end - i - 1);
+            for (size_t q = 0; (q = raw.find("\\\"", q)) != std::string::npos;) {
+                raw.replace(q, 2, "\"");
+                ++q;
+            }
+            value = unescape(raw);
+            i = end + 1;
+        } else {
+            size_t end = text.find_first_of(" \t", i);
+            value = text.substr(i, end == std::string::npos ? std::string::npos : end - i);
+            i = end == std::string::npos ? text.size() : end;
+        }
+        fields[key] = value;
+    }
+}
+
+// Hexadecimal bytes, two digits each, in words of any even length ("0B3F").
+std::string hexBytes(const Directive& d, size_t firstWord)
+{
+    std::string bytes;
+    for (size_t w = firstWord; w < d.words.size(); ++w) {
+        const std::string& word = d.words[w];
+        if (word.size() % 2 != 0) {
+            d.fail("odd number of hexadecimal digits: " + word);
+        }
+        for (size_t i = 0; i < word.size(); i += 2) {
+            if (!std::isxdigit(static_cast<unsigned char>(word[i])) ||
+                !std::isxdigit(static_cast<unsigned char>(word[i + 1]))) {
+                d.fail("not hexadecimal: " + word);
+            }
+            bytes += static_cast<char>(std::strtol(word.substr(i, 2).c_str(), nullptr, 16));
+        }
+    }
+    return bytes;
+}
+
+long hexWord(const Directive& d, size_t word)
+{
+    char* end = nullptr;
+    long value = std::strtol(d.words[word].c_str(), &end, 16);
+    if (end == nullptr || *end != '\0' || value < 0 || value > 0xFF) {
+        d.fail("not a hexadecimal byte: " + d.words[word]);
+    }
+    return value;
+}
+
+long numberText(const Directive& d, const std::string& key, const std::string& text, long lowest, long highest)
+{
+    char* end = nullptr;
+    long value = std::strtol(text.c_str(), &end, 0);
+    if (text.empty() || end == nullptr || *end != '\0' || value < lowest || value > highest) {
+        d.fail("'" + key + "' is a number from " + std::to_string(lowest) + " to " + std::to_string(highest) + ": " +
+               text);
+    }
+    return value;
+}
+
+int opcodeByName(const Directive& d, const std::string& name)
+{
+    static const std::map<std::string, int> names = {{"test-unit-ready", kTestUnitReady},
+                                                     {"inquiry", kInquiry},
+                                                     {"mode-sense", kModeSense10},
+                                                     {"mode-sense-6", kModeSense6},
+                                                     {"read-capacity", kReadCapacity10}};
+    auto it = names.find(name);
+    if (it != names.end()) {
+        return it->second;
+    }
+    char* end = nullptr;
+    long opcode = std::strtol(name.c_str(), &end, 0);
+    if (name.empty() || end == nullptr || *end != '\0' || opcode < 0 || opcode > 0xFF) {
+        d.fail("unknown SCSI command " + name);
+    }
+    return static_cast<int>(opcode);
+}
+
+void loadSg(FakeMachine& m, const Directive& d)
+{
+    needWords(d, 2, "sg PATH host=N channel=N id=N lun=N type=N [emulated=0|1] [cmd-per-lun=N] [queue-depth=N]");
+    ScsiAddress address;
+    address.host = static_cast<int>(d.number("host", 0));
+    address.channel = static_cast<int>(d.number("channel", 0));
+    address.id = static_cast<int>(d.number("id", 0));
+    address.lun = static_cast<int>(d.number("lun", 0));
+    address.type = static_cast<int>(d.number("type", 0));
+    auto model = std::make_shared<SgModel>(address);
+    model->setEmulated(flag(d, "emulated", 0) == 1);
+    model->setQueue(static_cast<short>(d.number("cmd-per-lun", 1)), static_cast<short>(d.number("queue-depth", 1)));
+    m.addNode(d.words[1], 'c', model);
+}
+
+void loadSgProbeHost(FakeMachine& m, const Directive& d)
+{
+    needWords(d, 3, "sg-probe-host PATH TEXT");
+    sgNode(m, d)->setProbeHost(unescape(d.rest(2)));
+}
+
+void loadSgPci(FakeMachine& m, const Directive& d)
+{
+    needWords(d, 3, "sg-pci PATH TEXT");
+    sgNode(m, d)->setPci(unescape(d.rest(2)));
+}
+
+void loadSgInquiry(FakeMachine& m, const Directive& d)
+{
+    needWords(d, 2, "sg-inquiry PATH [type=N] [rmb=0|1] vendor=\"TEXT\" product=\"TEXT\" rev=\"TEXT\"");
+    auto model = sgNode(m, d);
+    InquiryFields fields = model->inquiry();
+    for (const auto& field : quotedFields(d, d.rest(2))) {
+        if (field.first == "type") {
+            fields.type = static_cast<int>(numberText(d, field.first, field.second, 0, 0x1F));
+        } else if (field.first == "rmb") {
+            fields.removable = numberText(d, field.first, field.second, 0, 1) == 1;
+        } else if (field.first == "vendor") {
+            fields.vendor = field.second;
+        } else if (field.first == "product") {
+            fields.product = field.second;
+        } else if (field.first == "rev") {
+            fields.revision = field.second;
+        } else {
+            d.fail("unknown INQUIRY field " + field.first);
+        }
+    }
+    model->setInquiry(fields);
+}
+
+void loadSgReply(FakeMachine& m, const Directive& d)
+{
+    const char* usage = "sg-reply PATH COMMAND good [HEX...] | check KEY CODE [QUALIFIER] | "
+                        "check-descriptor KEY CODE [QUALIFIER] | fail ERRNO";
+    needWords(d, 4, usage);
+    auto model = sgNode(m, d);
+    int opcode = opcodeByName(d, d.words[2]);
+    const std::string& kind = d.words[3];
+    if (kind == "good") {
+        model->addReply(opcode, SgReply::good(hexBytes(d, 4)));
+    } else if (kind == "check" || kind == "check-descriptor") {
+        if (d.words.size() < 6 || d.words.size() > 7) {
+            d.fail(std::string("expected: ") + usage);
+        }
+        int key = static_cast<int>(hexWord(d, 4));
+        int code = static_cast<int>(hexWord(d, 5));
+        int qualifier = d.words.size() > 6 ? static_cast<int>(hexWord(d, 6)) : 0;
+        model->addReply(opcode, kind == "check" ? SgReply::check(key, code, qualifier)
+                                                : SgReply::checkDescriptor(key, code, qualifier));
+    } else if (kind == "fail") {
+        needWords(d, 5, usage);
+        model->addReply(opcode, SgReply::failure(errnoByName(d, d.words[4])));
+    } else {
+        d.fail(std::string("expected: ") + usage);
+    }
+}
+
 } // namespace
 
 const std::vector<ModelDirective>& modelDirectives()
@@ -59,6 +261,11 @@ const std::vector<ModelDirective>& modelDirectives()
         {"memory", loadMemory},
         {"serial", loadSerial},
         {"usbfs", loadUsbfs},
+        {"sg", loadSg},
+        {"sg-probe-host", loadSgProbeHost},
+        {"sg-pci", loadSgPci},
+        {"sg-inquiry", loadSgInquiry},
+        {"sg-reply", loadSgReply},
     };
     return list;
 }

@@ -9,6 +9,7 @@
 #include "host/models/ModemScript.h"
 #include "host/models/SerialModel.h"
 #include "host/models/UsbfsModel.h"
+#include "host/models/SgModel.h"
 
 #include <vector>
 
