@@ -184,6 +184,8 @@ TEST(ExportsTest, TheLibraryNeedsLibsysfs)
     std::string output = runCommand(std::string("readelf -d '") + kLibrary + "' 2>&1", status);
     ASSERT_EQ(status, 0) << output;
     EXPECT_NE(output.find("Shared library: [libsysfs.so.2]"), std::string::npos) << output;
+}
+
 TEST(ExportsTest, ScsiGenericAndTheSemaphoreFunctionsAreExported)
 {
     expectFunctions("Vantrel::Ostrand::SCSIGeneric::",

@@ -787,6 +787,8 @@ const Row kRows[] = {
          EXPECT_EQ(reader.GetClsDeviceAttr("block", "sda", a, b), 2);
          EXPECT_TRUE(devices.empty() && a.empty() && b.empty());
          EXPECT_EQ(machine.mounts().size(), 6u);
+     }},
+
     {"SgNodesThatAreNoSgNodes",
      // Names that begin with sg, but plain nodes that answer no ioctl.
      [](host::FakeMachine& machine) {
