@@ -5,6 +5,7 @@
 #include "host/fake/MachineDirectory.h"
 #include "tests/support/Machines.h"
 #include "tests/support/UsbRecords.h"
+#include "usb/LsusbText.h"
 #include "usb/lsusbParser.h"
 
 #include <gmock/gmock.h>
@@ -70,7 +71,7 @@ struct Expect {
     int productId;
     const char* usbSpec;
     const char* firmwareRev;
-    const char* addlHWInfo;
+    const char* addlAfterRelease; // addlHWInfo behind its release label
     const char* manufacturerIndex;
     const char* manufacturer;
     const char* productName;
@@ -82,6 +83,9 @@ struct Expect {
     int deviceSubClass;
     bool endDevice;
 };
+
+// addlHWInfo as the reader starts it: the release label, then the rest.
+std::string release(const std::string& rest) { return kUsbReleaseLabel + rest; }
 
 Usb_Device record(const std::string& root, const Expect& e)
 {
@@ -96,7 +100,7 @@ Usb_Device record(const std::string& root, const Expect& e)
     d.productId = e.productId;
     d.usbSpec = e.usbSpec;
     d.firmwareRev = e.firmwareRev;
-    d.addlHWInfo = e.addlHWInfo;
+    d.addlHWInfo = kUsbReleaseLabel + std::string(e.addlAfterRelease);
     d.manufacturerIndex = e.manufacturerIndex;
     d.manufacturer = e.manufacturer;
     d.productName = e.productName;
@@ -165,36 +169,36 @@ Usb_Device scan(const std::vector<std::string>& lines)
 // --- Real captures, field by field ---------------------------------------
 
 // Columns: bus, device, modelName, vendorIdText, vendorId, vendorName,
-// productIdText, productId, usbSpec, firmwareRev, addlHWInfo,
+// productIdText, productId, usbSpec, firmwareRev, addlHWInfo behind its label,
 // manufacturerIndex, manufacturer, productName, serialNo, selfPowered,
 // classText, deviceClass, subClassText, deviceSubClass, endDevice.
 const std::vector<Expect> kLabServer = {
     {"001", "001", "2.0 root hub", "0x1d6b", 0x1d6b, "Linux Foundation", "0x0002", 2, "2.00", "6.01",
-     "Specs:2.00, Rev:6.01, Power:0mA Self", "3", "Linux 6.1.0-56-amd64 ehci_hcd", "EHCI Host Controller",
+     "2.00, Rev:6.01, Power:0mA Self", "3", "Linux 6.1.0-56-amd64 ehci_hcd", "EHCI Host Controller",
      "0000:00:04.0", 1, "9", 9, "0", 0, false},
     // The device qualifier's bcdUSB comes last and starts addlHWInfo anew.
-    {"001", "002", " QEMU QEMU USB HARDDRIVE", "0x46f4", 0x46f4, "QEMU", "0x0001", 1, "2.00", "0.00", "Specs:2.00",
+    {"001", "002", " QEMU QEMU USB HARDDRIVE", "0x46f4", 0x46f4, "QEMU", "0x0001", 1, "2.00", "0.00", "2.00",
      "1", "QEMU", "QEMU USB HARDDRIVE", "1-0000:00:04.0-1", 1, "8", 8, "6", 6, false},
     {"002", "001", "1.1 root hub", "0x1d6b", 0x1d6b, "Linux Foundation", "0x0001", 1, "1.10", "6.01",
-     "Specs:1.10, Rev:6.01, Power:0mA Self", "3", "Linux 6.1.0-56-amd64 uhci_hcd", "UHCI Host Controller",
+     "1.10, Rev:6.01, Power:0mA Self", "3", "Linux 6.1.0-56-amd64 uhci_hcd", "UHCI Host Controller",
      "0000:00:01.2", 1, "9", 9, "0", 0, false},
     {"002", "002", " NEC Corp. Hub", "0x0409", 0x0409, "NEC Corp.", "0x55aa", 0x55aa, "1.10", "1.01",
-     "Specs:1.10, Rev:1.01, Power:0mA Self", "1", "QEMU", "QEMU USB Hub", "314159-0000:00:01.2-1", 1, "9", 9, "0", 0,
+     "1.10, Rev:1.01, Power:0mA Self", "1", "QEMU", "QEMU USB Hub", "314159-0000:00:01.2-1", 1, "9", 9, "0", 0,
      false},
-    {"002", "003", " QEMU QEMU USB HARDDRIVE", "0x46f4", 0x46f4, "QEMU", "0x0001", 1, "2.00", "0.00", "Specs:2.00",
+    {"002", "003", " QEMU QEMU USB HARDDRIVE", "0x46f4", 0x46f4, "QEMU", "0x0001", 1, "2.00", "0.00", "2.00",
      "1", "QEMU", "QEMU USB HARDDRIVE", "1-0000:00:01.2-2", 1, "8", 8, "6", 6, false},
     {"002", "004", " Adomax Technology Co., Ltd QEMU Tablet", "0x0627", 0x0627, "Adomax Technology Co., Ltd",
-     "0x0001", 1, "2.00", "0.00", "Specs:2.00", "1", "QEMU", "QEMU USB Keyboard", "68284-0000:00:01.2-1.1", 0, "3", 3,
+     "0x0001", 1, "2.00", "0.00", "2.00", "1", "QEMU", "QEMU USB Keyboard", "68284-0000:00:01.2-1.1", 0, "3", 3,
      "1", 1, false},
     {"002", "005", " Adomax Technology Co., Ltd QEMU Tablet", "0x0627", 0x0627, "Adomax Technology Co., Ltd",
-     "0x0001", 1, "2.00", "0.00", "Specs:2.00", "1", "QEMU", "QEMU USB Tablet", "28754-0000:00:01.2-1.2", 0, "3", 3,
+     "0x0001", 1, "2.00", "0.00", "2.00", "1", "QEMU", "QEMU USB Tablet", "28754-0000:00:01.2-1.2", 0, "3", 3,
      "0", 0, false},
 };
 
 Expect ibmEhciRootHub(const char* bus)
 {
     return {bus, "001", "2.0 root hub", "0x1d6b", 0x1d6b, "Linux Foundation", "0x0002", 2, "2.00", "5.13",
-            "Specs:2.00, Rev:5.13, Power:0mA Self", "3", "Linux 5.13.0-41-generic ehci_hcd", "EHCI Host Controller",
+            "2.00, Rev:5.13, Power:0mA Self", "3", "Linux 5.13.0-41-generic ehci_hcd", "EHCI Host Controller",
             "1", 1, "9", 9, "0", 0, false};
 }
 
@@ -202,7 +206,7 @@ Expect ibmEhciRootHub(const char* bus)
 Expect ibmUhciRootHub(const char* bus)
 {
     return {bus, "001", "1.1 root hub", "0x1d6b", 0x1d6b, "Linux Foundation", "0x0001", 1, "1.10", "5.13",
-            "Specs:1.10, Rev:5.13, Power:0mA Self", "3", "Linux 5.13.0-41-generic uhci_hcd", "UHCI Host Controller",
+            "1.10, Rev:5.13, Power:0mA Self", "3", "Linux 5.13.0-41-generic uhci_hcd", "UHCI Host Controller",
             "1", 1, "9", 9, "0", 0, false};
 }
 
@@ -214,16 +218,16 @@ const std::vector<Expect> kIbmServer = {
     ibmUhciRootHub("005"),
     // Two configurations: two power lines. The last interface's class.
     {"005", "002", " IBM Corp. RNDIS/CDC ETHER", "0x04b3", 0x04b3, "IBM Corp.", "0x4010", 0x4010, "2.00", "2.15",
-     "Specs:2.00, Rev:2.15, Power:100mA Self, Power:100mA Self", "1", "IBM", "RNDIS/CDC ETHER", "0", 1, "10", 10, "0",
+     "2.00, Rev:2.15, Power:100mA Self, Power:100mA Self", "1", "IBM", "RNDIS/CDC ETHER", "0", 1, "10", 10, "0",
      0, false},
     ibmUhciRootHub("006"),
     ibmUhciRootHub("007"),
     // No vendor name on the idVendor line: the manufacturer's string.
     {"007", "002", " SZH usb keyboard", "0xc0f4", 0xc0f4, "SZH", "0x04c0", 0x04c0, "1.10", "1.10",
-     "Specs:1.10, Rev:1.10, Power:98mA Bus", "1", "SZH", "usb keyboard", "0", 0, "3", 3, "0", 0, false},
+     "1.10, Rev:1.10, Power:98mA Bus", "1", "SZH", "usb keyboard", "0", 0, "3", 3, "0", 0, false},
     // Vendor id 0x0000: no vendor line at all. Three blanks before the name.
     {"007", "003", "   USB OPTICAL MOUSE", "", 0, "", "0x3825", 0x3825, "1.10", "1.00",
-     "Specs:1.10, Rev:1.00, Power:100mA Bus", "0", "", "USB OPTICAL MOUSE", "0", 0, "3", 3, "1", 1, false},
+     "1.10, Rev:1.00, Power:100mA Bus", "0", "", "USB OPTICAL MOUSE", "0", 0, "3", 3, "1", 1, false},
 };
 
 const std::vector<Expect> kOld2003 = {
@@ -231,11 +235,11 @@ const std::vector<Expect> kOld2003 = {
     // line has no name, and the product string becomes the model; the
     // manufacturer's string becomes the vendor name.
     {"001", "001", "EHCI Host Controller", "", 0, "Linux 2.6.0-test3 ehci_hcd", "0x0000", 0, "2.00", "2.06",
-     "Specs:2.00, Rev:2.06, Power:0mA Self", "3", "Linux 2.6.0-test3 ehci_hcd", "EHCI Host Controller",
+     "2.00, Rev:2.06, Power:0mA Self", "3", "Linux 2.6.0-test3 ehci_hcd", "EHCI Host Controller",
      "0000:02:0d.3", 1, "9", 9, "0", 0, false},
     // A trailing blank behind the name stays in the model.
     {"001", "002", " ALi Corp. ", "0x0402", 0x0402, "ALi Corp.", "0x5621", 0x5621, "2.00", "1.03",
-     "Specs:2.00, Rev:1.03, Power:0mA Self", "0", "", "USB 2.0 Storage Device", "00042222200000019862", 1, "8", 8, "6",
+     "2.00, Rev:1.03, Power:0mA Self", "0", "", "USB 2.0 Storage Device", "00042222200000019862", 1, "8", 8, "6",
      6, false},
 };
 
@@ -544,7 +548,7 @@ TEST(LsusbParserTest, CiscoServerCountsAndSpotChecks)
     // "bcdDevice b.b3": the first digit behind the column is the 3.
     const Usb_Device& hub = devices.at("/dev/bus/usb/002/005");
     EXPECT_EQ(hub.firmwareRev, "3");
-    EXPECT_EQ(hub.addlHWInfo, "Specs:2.00");
+    EXPECT_EQ(hub.addlHWInfo, release("2.00"));
     EXPECT_EQ(hub.productName, "0");
     EXPECT_EQ(hub.serialNo, "0");
     EXPECT_EQ(hub.manufacturerIndex, "0");
@@ -555,7 +559,7 @@ TEST(LsusbParserTest, CiscoServerCountsAndSpotChecks)
     // 64.00 holds no "0.00": it is added.
     const Usb_Device& keyboard = devices.at("/dev/bus/usb/002/004");
     EXPECT_EQ(keyboard.firmwareRev, "64.00");
-    EXPECT_EQ(keyboard.addlHWInfo, "Specs:1.10, Rev:64.00, Power:90mA Bus");
+    EXPECT_EQ(keyboard.addlHWInfo, release("1.10, Rev:64.00, Power:90mA Bus"));
     EXPECT_EQ(keyboard.selfPowered, 0);
     EXPECT_EQ(keyboard.productName, "USB Keyboard");
     EXPECT_EQ(keyboard.modelName, " Logitech, Inc. Keyboard K120");
@@ -565,10 +569,10 @@ TEST(LsusbParserTest, CiscoServerCountsAndSpotChecks)
     EXPECT_EQ(kvm.productName, "Cisco USB Composite Device-0");
     EXPECT_EQ(kvm.vendorIdText, "0x0624");
     EXPECT_EQ(kvm.productId, 0x0402);
-    EXPECT_EQ(kvm.addlHWInfo, "Specs:2.00, Power:0mA Self");
+    EXPECT_EQ(kvm.addlHWInfo, release("2.00, Power:0mA Self"));
     const Usb_Device& internalHub = devices.at("/dev/bus/usb/002/002");
     EXPECT_EQ(internalHub.firmwareRev, "0.05");
-    EXPECT_EQ(internalHub.addlHWInfo, "Specs:2.00");
+    EXPECT_EQ(internalHub.addlHWInfo, release("2.00"));
     EXPECT_EQ(devices.at("/dev/bus/usb/002/001").manufacturer, "Linux 5.19.0-38-generic ehci_hcd");
 }
 
@@ -587,11 +591,11 @@ TEST(LsusbParserTest, LenovoServerCountsAndSpotChecks)
     const Usb_Device& controller = devices.at("/dev/bus/usb/001/003");
     EXPECT_EQ(controller.modelName, " IBM Corp. ");
     EXPECT_EQ(controller.productName, "XClarity Controller");
-    EXPECT_EQ(controller.addlHWInfo, "Specs:2.00");
+    EXPECT_EQ(controller.addlHWInfo, release("2.00"));
     EXPECT_EQ(controller.classText, "10");
     EXPECT_EQ(controller.deviceClass, 10);
     const Usb_Device& hub = devices.at("/dev/bus/usb/001/002");
-    EXPECT_EQ(hub.addlHWInfo, "Specs:2.00, Rev:1.00, Power:100mA Self");
+    EXPECT_EQ(hub.addlHWInfo, release("2.00, Rev:1.00, Power:100mA Self"));
     EXPECT_EQ(hub.vendorName, "EMULEX Corporation");
     EXPECT_EQ(hub.manufacturer, "Emulex Communications");
     EXPECT_EQ(hub.serialNo, "3");
@@ -619,7 +623,7 @@ TEST(LsusbParserTest, SupermicroWithoutStringsCountsAndSpotChecks)
     const Usb_Device& hub = devices.at("/dev/bus/usb/002/002");
     EXPECT_EQ(hub.productName, "0");
     EXPECT_EQ(hub.firmwareRev, "0.00");
-    EXPECT_EQ(hub.addlHWInfo, "Specs:2.00, Power:0mA Self");
+    EXPECT_EQ(hub.addlHWInfo, release("2.00, Power:0mA Self"));
     EXPECT_EQ(hub.modelName, " Intel Corp. Integrated Rate Matching Hub");
 }
 
@@ -644,7 +648,8 @@ TEST(LsusbParserTest, EveryCaptureGivesOneEntryPerDeviceLineUnderItsOwnPath)
             EXPECT_EQ(d.devicePath, kDevRoot + d.devicePath.substr(13, 3) + "/" + d.deviceNum) << count.file;
             EXPECT_EQ(d.deviceNum.size(), 3u) << count.file;
             EXPECT_EQ(d.usbSpec.size(), 4u) << count.file << " " << d.devicePath;
-            EXPECT_EQ(d.addlHWInfo.compare(0, 6, "Specs:"), 0) << count.file << " " << d.devicePath;
+            EXPECT_EQ(d.addlHWInfo.compare(0, std::strlen(kUsbReleaseLabel), kUsbReleaseLabel), 0)
+                << count.file << " " << d.devicePath;
             EXPECT_FALSE(d.classText.empty()) << count.file << " " << d.devicePath;
             EXPECT_FALSE(d.productIdText.empty()) << count.file << " " << d.devicePath;
             EXPECT_FALSE(d.modelName.empty()) << count.file << " " << d.devicePath;
@@ -1083,11 +1088,11 @@ TEST(LsusbParserTest, DeviceLineTakesTheBusFromIndex4AndTheNumberUpToTheFirstCol
 TEST(LsusbParserTest, UsbReleaseReplacesTheAdditionalInformation)
 {
     Usb_Device d;
-    d.addlHWInfo = "Specs:1.10, Rev:1.00, Power:100mA Bus";
+    d.addlHWInfo = release("1.10, Rev:1.00, Power:100mA Bus");
     lsusbParser parser(nullptr);
     parser.parseBuffer("  bcdUSB               2.00", &d);
     EXPECT_EQ(d.usbSpec, "2.00");
-    EXPECT_EQ(d.addlHWInfo, "Specs:2.00");
+    EXPECT_EQ(d.addlHWInfo, release("2.00"));
 }
 
 TEST(LsusbParserTest, UsbReleaseIsSoughtFromIndex8)
@@ -1187,21 +1192,21 @@ TEST(LsusbParserTest, DeviceReleaseAddsItsRevisionUnlessItHolds0Point00)
 {
     Usb_Device d = scan({"  bcdUSB               2.00", "  bcdDevice            5.04"});
     EXPECT_EQ(d.firmwareRev, "5.04");
-    EXPECT_EQ(d.addlHWInfo, "Specs:2.00, Rev:5.04");
+    EXPECT_EQ(d.addlHWInfo, release("2.00, Rev:5.04"));
 }
 
 TEST(LsusbParserTest, DeviceReleaseOf0Point00IsKeptButAddsNothing)
 {
     Usb_Device d = scan({"  bcdUSB               2.00", "  bcdDevice            0.00"});
     EXPECT_EQ(d.firmwareRev, "0.00");
-    EXPECT_EQ(d.addlHWInfo, "Specs:2.00");
+    EXPECT_EQ(d.addlHWInfo, release("2.00"));
 }
 
 TEST(LsusbParserTest, DeviceReleaseOf10Point00HoldsTheTextAndAddsNothing)
 {
     Usb_Device d = scan({"  bcdUSB               2.00", "  bcdDevice           10.00"});
     EXPECT_EQ(d.firmwareRev, "10.00");
-    EXPECT_EQ(d.addlHWInfo, "Specs:2.00");
+    EXPECT_EQ(d.addlHWInfo, release("2.00"));
 }
 
 TEST(LsusbParserTest, ManufacturerLineGivesIndexAndStringAndTheVendorNameWhenItIsEmpty)
@@ -1305,11 +1310,11 @@ TEST(LsusbParserTest, PowerLineWithoutMaGetsItsUnitAdded)
     EXPECT_EQ(scan({"    MaxPower                 "}).addlHWInfo, "");
 }
 
-TEST(LsusbParserTest, AFullDeviceRunsSpecsRevPowerSource)
+TEST(LsusbParserTest, AFullDeviceRunsReleaseRevisionPowerSource)
 {
     Usb_Device d = scan({"  bcdUSB               2.00", "  bcdDevice            1.03", "      Self Powered",
                          "    MaxPower                0mA"});
-    EXPECT_EQ(d.addlHWInfo, "Specs:2.00, Rev:1.03, Power:0mA Self");
+    EXPECT_EQ(d.addlHWInfo, release("2.00, Rev:1.03, Power:0mA Self"));
 }
 
 TEST(LsusbParserTest, InterfaceClassAndSubClassTakeTheDigitsUpToTheBlankTheLastOneWins)
@@ -1367,7 +1372,7 @@ TEST(LsusbParserTest, ALineWithAControlCharacterAtIndex10ContinuesAsItsFirst9Cha
     // "bcdUSB  12" with the control character after the 2: the 2 goes too.
     Usb_Device d = scan({std::string("bcdUSB  12\x01tail")});
     EXPECT_EQ(d.usbSpec, "1");
-    EXPECT_EQ(d.addlHWInfo, "Specs:1");
+    EXPECT_EQ(d.addlHWInfo, release("1"));
 }
 
 TEST(LsusbParserTest, ALineIsCutAtTheLowestControlCodeNotTheLeftmost)

@@ -47,7 +47,7 @@ void fill(Usb_Device& d)
     d.deviceDescription = "USB hub";
     d.slotName = "Embedded";
     d.displayName = "Hub";
-    d.addlHWInfo = "Specs:2.00, Rev:0.05, Power:0mA Self";
+    d.addlHWInfo = "2.00, Rev:0.05, Power:0mA Self";
     d.spareText = "spare";
     d.parentPath = "/dev/bus/usb/001/001";
     d.location = "Port 1, Device 003";

@@ -18,6 +18,8 @@
 namespace Vantrel {
 namespace Ostrand {
 
+extern const char kUsbReleaseLabel[] = "Specs:";
+
 namespace {
 
 const size_t npos = std::string::npos;
@@ -113,7 +115,7 @@ public:
             return;
         }
         m_device.usbSpec = m_text.substr(value.digit);
-        m_device.addlHWInfo = "Specs:" + m_device.usbSpec;
+        m_device.addlHWInfo = kUsbReleaseLabel + m_device.usbSpec;
     }
 
     // Order 3: "idVendor           0x8087 Intel Corp.".

@@ -16,6 +16,9 @@ class lsusbParser;
 // The size of the line buffer that every read of tool text uses.
 const size_t kLsusbLineSize = 256;
 
+// The label in front of the USB release in addlHWInfo, as the framework shows it.
+extern const char kUsbReleaseLabel[];
+
 // fgets into buffer (kLsusbLineSize bytes), passing over lines of one
 // character, and cuts the last character of the line it gives, whatever it
 // is. A line of 255 characters or more comes in pieces, each one a line.

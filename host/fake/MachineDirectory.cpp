@@ -24,7 +24,7 @@ std::string readWholeFile(const std::string& path)
     return bytes.str();
 }
 
-std::string Directive::rest(size_t word) const
+std::string restOfLine(const std::string& line, size_t word)
 {
     size_t position = 0;
     for (size_t i = 0; i < word; ++i) {
@@ -37,6 +37,8 @@ std::string Directive::rest(size_t word) const
     position = line.find_first_not_of(" \t", position);
     return position == std::string::npos ? "" : line.substr(position);
 }
+
+std::string Directive::rest(size_t word) const { return restOfLine(line, word); }
 
 std::string Directive::data(const std::string& relativePath) const
 {
@@ -175,17 +177,26 @@ const std::map<std::string, DirectiveHandler>& handlers()
 
 } // namespace
 
-int errnoByName(const Directive& d, const std::string& name)
+int errnoNamed(const std::string& name)
 {
     static const std::map<std::string, int> names = {
-        {"EACCES", EACCES}, {"EPERM", EPERM},   {"ENOENT", ENOENT}, {"EIO", EIO},       {"EBUSY", EBUSY},
-        {"ENXIO", ENXIO},   {"EINVAL", EINVAL}, {"ENOTTY", ENOTTY}, {"ENODEV", ENODEV}, {"ENOMEDIUM", ENOMEDIUM},
-        {"ENOSPC", ENOSPC}, {"EAGAIN", EAGAIN}};
+        {"EACCES", EACCES},     {"EPERM", EPERM},         {"ENOENT", ENOENT},         {"EIO", EIO},
+        {"EBUSY", EBUSY},       {"ENXIO", ENXIO},         {"EINVAL", EINVAL},         {"ENOTTY", ENOTTY},
+        {"ENODEV", ENODEV},     {"ENOMEDIUM", ENOMEDIUM}, {"ENOSPC", ENOSPC},         {"EAGAIN", EAGAIN},
+        {"EPIPE", EPIPE},       {"ETIMEDOUT", ETIMEDOUT}, {"EPROTO", EPROTO},         {"EILSEQ", EILSEQ},
+        {"EOVERFLOW", EOVERFLOW}, {"EHOSTUNREACH", EHOSTUNREACH}, {"ENODATA", ENODATA}, {"ENOSYS", ENOSYS},
+        {"ESHUTDOWN", ESHUTDOWN}};
     auto it = names.find(name);
-    if (it == names.end()) {
+    return it == names.end() ? 0 : it->second;
+}
+
+int errnoByName(const Directive& d, const std::string& name)
+{
+    int error = errnoNamed(name);
+    if (error == 0) {
         d.fail("unknown error name " + name);
     }
-    return it->second;
+    return error;
 }
 
 void loadMachineText(FakeMachine& machine, const std::string& text, const std::string& directory)

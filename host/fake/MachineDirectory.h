@@ -44,6 +44,10 @@ using DirectiveHandler = std::function<void(FakeMachine&, const Directive&)>;
 
 // Fails the directive unless it has at least `count` words.
 void needWords(const Directive& d, size_t count, const char* usage);
+// The line from word `word` on, as written (blanks inside kept).
+std::string restOfLine(const std::string& line, size_t word);
+// An errno value by its name (EACCES, EBUSY, EPIPE, ...), or 0 for a name it does not know.
+int errnoNamed(const std::string& name);
 // An errno value by its name (EACCES, EBUSY, ...), or fails the directive.
 int errnoByName(const Directive& d, const std::string& name);
 
