@@ -10,6 +10,7 @@
 #pragma once
 
 #include "frame/Export.h"
+#include "usb/Usb_Device.h"
 
 #include <iosfwd>
 #include <linux/usbdevice_fs.h>
@@ -64,6 +65,24 @@ public:
     bool getHubPortInfo(const int& fd, usbdevfs_hub_portinfo* info);
     // The driver bound to interface 0; empty on any failure.
     std::string getDriver(const std::string& devicePath);
+
+    // --- Hub ports -------------------------------------------------------
+    // The port table of the hub at devicePath, from the ioctl or from the
+    // text of /proc/bus/usb/devices, chosen by kernel release and machine
+    // on every call. fd -1 opens the node (and closes it again); another
+    // descriptor is used and left open. True when a route filled `info`.
+    bool getHubPortInfo(const std::string& devicePath, usbdevfs_hub_portinfo* info, const int& fd);
+    // The sysfs device with the bus and device number of a node path,
+    // parsed into `device`. False when there is none.
+    bool getOneUsbDeviceInfo(const std::string& devicePath, Usb_Device* device);
+    // Whether a device sits on the port (counted from 1) of the hub at
+    // hubPath, and if so its class, ids, serial, revision and the port in
+    // deviceInfo. Port 1 reads the hub's table; the other ports reuse it.
+    bool isPortBusy(const std::string& hubPath, const int& port, std::string& deviceInfo, UsbMap& devices,
+                    const int& fd);
+    // -1 nothing on the port, 2 the port or something below it in trouble,
+    // 0 well or unknown, otherwise the errno of opening the device's node.
+    int checkforOCState(const std::string& hubPath, const int& port, usbdevfs_hub_portinfo& info, const int& fd);
 
     // --- Text ----------------------------------------------------------
     // The description of a USB class and subclass.
