@@ -1,5 +1,6 @@
 #include "tools/Enumeration.h"
 
+#include "finders/CDDVDDeviceFinder.h"
 #include "finders/MemoryDeviceFinder.h"
 #include "finders/ModemDeviceFinder.h"
 #include "finders/NetworkDeviceFinder.h"
@@ -25,7 +26,7 @@ const std::array<const char*, 13> kKeys = {
 
 namespace {
 
-const std::vector<std::string> kClasses = {"pci", "network", "memory", "serial", "parallel", "modem", "rac"};
+const std::vector<std::string> kClasses = {"pci", "network", "memory", "serial", "parallel", "modem", "rac", "cddvd"};
 
 std::unique_ptr<IDeviceFinder> makeFinder(const std::string& name)
 {
@@ -36,6 +37,7 @@ std::unique_ptr<IDeviceFinder> makeFinder(const std::string& name)
     if (name == "parallel") return std::make_unique<ParallelPortFinder>();
     if (name == "modem") return std::make_unique<ModemDeviceFinder>();
     if (name == "rac") return std::make_unique<RACDeviceFinder>();
+    if (name == "cddvd") return std::make_unique<CDDVDDeviceFinder>();
     return nullptr;
 }
 
@@ -43,6 +45,9 @@ std::string whatItDoes(const std::string& name)
 {
     if (name == "modem") return "modem: speaking AT to the serial ports (about 10 s a port)";
     if (name == "pci") return "pci: reading the inventory";
+    // The finder's constructor scans the sg nodes: it waits while another
+    // finder or process holds their lock, and pauses 10 s when there is none.
+    if (name == "cddvd") return "cddvd: waiting for the sg lock, scanning the sg nodes (a 10 s pause if there are none)";
     return name + ": looking";
 }
 
@@ -128,9 +133,11 @@ std::vector<Row> enumerate(const std::vector<std::string>& classes, Progress& pr
         return rows;
     }
     for (const auto& name : classes) {
-        std::unique_ptr<IDeviceFinder> finder = makeFinder(name);
+        // Started before the finder is built: some wait in their constructor.
         progress.start(whatItDoes(name));
+        std::unique_ptr<IDeviceFinder> finder;
         try {
+            finder = makeFinder(name);
             info->getEnumerateDeviceHandle(finder.get());
             IWbemClassObject* object = nullptr;
             while (info->Next(0, 0, object) == 1) {

@@ -176,6 +176,50 @@ int opcodeByName(const Directive& d, const std::string& name)
     return static_cast<int>(opcode);
 }
 
+InquiryFields inquiryFields(const Directive& d, InquiryFields fields)
+{
+    for (const auto& field : quotedFields(d, d.rest(2))) {
+        if (field.first == "type") {
+            fields.type = static_cast<int>(numberText(d, field.first, field.second, 0, 0x1F));
+        } else if (field.first == "rmb") {
+            fields.removable = numberText(d, field.first, field.second, 0, 1) == 1;
+        } else if (field.first == "vendor") {
+            fields.vendor = field.second;
+        } else if (field.first == "product") {
+            fields.product = field.second;
+        } else if (field.first == "rev") {
+            fields.revision = field.second;
+        } else {
+            d.fail("unknown INQUIRY field " + field.first);
+        }
+    }
+    return fields;
+}
+
+// good HEX... | check KEY CODE [QUALIFIER] | check-descriptor ... | fail ERRNO,
+// from word 3 on.
+SgReply replyOf(const Directive& d, const char* usage)
+{
+    const std::string& kind = d.words[3];
+    if (kind == "good") {
+        return SgReply::good(hexBytes(d, 4));
+    }
+    if (kind == "check" || kind == "check-descriptor") {
+        if (d.words.size() < 6 || d.words.size() > 7) {
+            d.fail(std::string("expected: ") + usage);
+        }
+        int key = static_cast<int>(hexWord(d, 4));
+        int code = static_cast<int>(hexWord(d, 5));
+        int qualifier = d.words.size() > 6 ? static_cast<int>(hexWord(d, 6)) : 0;
+        return kind == "check" ? SgReply::check(key, code, qualifier) : SgReply::checkDescriptor(key, code, qualifier);
+    }
+    if (kind == "fail") {
+        needWords(d, 5, usage);
+        return SgReply::failure(errnoByName(d, d.words[4]));
+    }
+    d.fail(std::string("expected: ") + usage);
+}
+
 void loadSg(FakeMachine& m, const Directive& d)
 {
     needWords(d, 2, "sg PATH host=N channel=N id=N lun=N type=N [emulated=0|1] [cmd-per-lun=N] [queue-depth=N]");
@@ -207,23 +251,7 @@ void loadSgInquiry(FakeMachine& m, const Directive& d)
 {
     needWords(d, 2, "sg-inquiry PATH [type=N] [rmb=0|1] vendor=\"TEXT\" product=\"TEXT\" rev=\"TEXT\"");
     auto model = sgNode(m, d);
-    InquiryFields fields = model->inquiry();
-    for (const auto& field : quotedFields(d, d.rest(2))) {
-        if (field.first == "type") {
-            fields.type = static_cast<int>(numberText(d, field.first, field.second, 0, 0x1F));
-        } else if (field.first == "rmb") {
-            fields.removable = numberText(d, field.first, field.second, 0, 1) == 1;
-        } else if (field.first == "vendor") {
-            fields.vendor = field.second;
-        } else if (field.first == "product") {
-            fields.product = field.second;
-        } else if (field.first == "rev") {
-            fields.revision = field.second;
-        } else {
-            d.fail("unknown INQUIRY field " + field.first);
-        }
-    }
-    model->setInquiry(fields);
+    model->setInquiry(inquiryFields(d, model->inquiry()));
 }
 
 void loadSgReply(FakeMachine& m, const Directive& d)
@@ -233,24 +261,81 @@ void loadSgReply(FakeMachine& m, const Directive& d)
     needWords(d, 4, usage);
     auto model = sgNode(m, d);
     int opcode = opcodeByName(d, d.words[2]);
-    const std::string& kind = d.words[3];
-    if (kind == "good") {
-        model->addReply(opcode, SgReply::good(hexBytes(d, 4)));
-    } else if (kind == "check" || kind == "check-descriptor") {
-        if (d.words.size() < 6 || d.words.size() > 7) {
-            d.fail(std::string("expected: ") + usage);
-        }
-        int key = static_cast<int>(hexWord(d, 4));
-        int code = static_cast<int>(hexWord(d, 5));
-        int qualifier = d.words.size() > 6 ? static_cast<int>(hexWord(d, 6)) : 0;
-        model->addReply(opcode, kind == "check" ? SgReply::check(key, code, qualifier)
-                                                : SgReply::checkDescriptor(key, code, qualifier));
-    } else if (kind == "fail") {
-        needWords(d, 5, usage);
-        model->addReply(opcode, SgReply::failure(errnoByName(d, d.words[4])));
-    } else {
-        d.fail(std::string("expected: ") + usage);
+    model->addReply(opcode, replyOf(d, usage));
+}
+
+// --- IDE and SCSI block nodes ---------------------------------------------------
+
+std::shared_ptr<IdeModel> ideNode(FakeMachine& m, const Directive& d)
+{
+    auto model = std::dynamic_pointer_cast<IdeModel>(m.model(d.words[1]));
+    if (!model) {
+        d.fail("no ide or scsi-block node " + d.words[1] + " (its 'ide' or 'scsi-block' line comes first)");
     }
+    return model;
+}
+
+// The identity block of an identity=DATAFILE word: 512 bytes.
+void loadIdentity(IdeModel& model, const Directive& d)
+{
+    std::string file = d.option("identity", "");
+    if (file.empty()) {
+        return;
+    }
+    std::string block = d.data(file);
+    if (block.size() != 512) {
+        d.fail(file + " holds " + std::to_string(block.size()) + " bytes, not the 512 of an identity block");
+    }
+    model.setIdentity(block);
+}
+
+void loadIde(FakeMachine& m, const Directive& d)
+{
+    needWords(d, 2, "ide PATH [identity=DATAFILE] [packets=0|1]");
+    auto model = std::make_shared<IdeModel>();
+    loadIdentity(*model, d);
+    model->setPackets(flag(d, "packets", 1) == 1);
+    m.addNode(d.words[1], 'b', model);
+}
+
+void loadIdeInquiry(FakeMachine& m, const Directive& d)
+{
+    needWords(d, 2, "ide-inquiry PATH [type=N] [rmb=0|1] vendor=\"TEXT\" product=\"TEXT\" rev=\"TEXT\"");
+    auto model = ideNode(m, d);
+    model->setInquiry(inquiryFields(d, model->inquiry()));
+}
+
+void loadIdePacket(FakeMachine& m, const Directive& d)
+{
+    const char* usage = "ide-packet PATH COMMAND good [HEX...] | check KEY CODE [QUALIFIER] | "
+                        "check-descriptor KEY CODE [QUALIFIER] | fail ERRNO";
+    needWords(d, 4, usage);
+    auto model = ideNode(m, d);
+    int opcode = opcodeByName(d, d.words[2]);
+    model->addReply(opcode, replyOf(d, usage));
+}
+
+void loadScsiBlock(FakeMachine& m, const Directive& d)
+{
+    needWords(d, 2, "scsi-block PATH host=N channel=N id=N lun=N [unique-id=N] [identity=DATAFILE]");
+    ScsiAddress address;
+    address.host = static_cast<int>(d.number("host", 0));
+    address.channel = static_cast<int>(d.number("channel", 0));
+    address.id = static_cast<int>(d.number("id", 0));
+    address.lun = static_cast<int>(d.number("lun", 0));
+    auto model = std::make_shared<ScsiBlockModel>(address, static_cast<int>(d.number("unique-id", 0)));
+    loadIdentity(*model, d);
+    m.addNode(d.words[1], 'b', model);
+}
+
+void loadScsiBlockPci(FakeMachine& m, const Directive& d)
+{
+    needWords(d, 3, "scsi-block-pci PATH TEXT");
+    auto model = std::dynamic_pointer_cast<ScsiBlockModel>(m.model(d.words[1]));
+    if (!model) {
+        d.fail("no scsi-block node " + d.words[1] + " (its 'scsi-block' line comes first)");
+    }
+    model->setPci(unescape(d.rest(2)));
 }
 
 } // namespace
@@ -266,6 +351,11 @@ const std::vector<ModelDirective>& modelDirectives()
         {"sg-pci", loadSgPci},
         {"sg-inquiry", loadSgInquiry},
         {"sg-reply", loadSgReply},
+        {"ide", loadIde},
+        {"ide-inquiry", loadIdeInquiry},
+        {"ide-packet", loadIdePacket},
+        {"scsi-block", loadScsiBlock},
+        {"scsi-block-pci", loadScsiBlockPci},
     };
     return list;
 }
