@@ -7,6 +7,7 @@
 #include "host/Host.h"
 #include "probes/LinuxUtils.h"
 #include "usb/LsusbText.h"
+#include "usb/UsbKernel.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -28,22 +29,12 @@ void clearLine(char* buffer) { std::memset(buffer, 0, kLsusbLineSize); }
 
 bool contains(const char* line, const char* word) { return std::strstr(line, word) != nullptr; }
 
-struct KernelRelease {
-    int major;
-    int minor;
-    int patch;
-};
-
 // 1. The release as "%d.%d.%d-" reads it. What does not read stays 0, so an
 //    unreadable release counts as no 2.6 kernel.
 KernelRelease kernelRelease()
 {
     struct utsname name;
-    std::memset(&name, 0, sizeof name);
-    host::uname(&name);
-    KernelRelease release = {0, 0, 0};
-    std::sscanf(name.release, "%d.%d.%d-", &release.major, &release.minor, &release.patch);
-    return release;
+    return readKernelRelease(name);
 }
 
 // 2. Kernels from 2.6.15 on keep their nodes under /dev/bus/usb/. Only the
