@@ -173,3 +173,27 @@ for line in lines('lab-server/ioctls.txt'):
         put('scsi_inquiry_fuzz', f'lab-server-{m.group(1)}-host', m.group(2))
 put('scsi_inquiry_fuzz', 'usb-host', 'SCSI emulation for USB Mass Storage devices')
 put('scsi_inquiry_fuzz', 'ide-host', 'ide-scsi IDE emulation')
+
+# IDE identity blocks: the lab server's CD-ROM drive as HDIO_GET_IDENTITY
+# gave it (the words the capture does not show are zero), and variants whose
+# texts fill their fields or have no zero byte at all.
+def identity(word0, serial, fw, model):
+    block = bytearray(512)
+    block[0:2] = word0.to_bytes(2, 'little')
+    block[20:40] = serial.ljust(20)[:20].encode('latin-1')
+    block[46:54] = fw.ljust(8)[:8].encode('latin-1')
+    block[54:94] = model.ljust(40)[:40].encode('latin-1')
+    return bytes(block)
+
+
+for line in lines('lab-server/ioctls.txt'):
+    m = re.match(r'/dev/(\w+): HDIO_GET_IDENTITY word0=0x([0-9a-f]+) \(ATAPI=1\) model="(.*)" serial="(.*)" fw="(.*)"',
+                 line)
+    if m:
+        node, word0, model, serial, fw = m.groups()
+        block = identity(int(word0, 16), serial, fw, model)
+        put('ide_identity_fuzz', f'lab-server-{node}', block)
+        put('ide_identity_fuzz', f'lab-server-{node}-buffer-type', block[:40] + bytes([3, 0, 0, 2, 4, 0]) + block[46:])
+put('ide_identity_fuzz', 'no-zero-byte', b'\xff' * 512)
+put('ide_identity_fuzz', 'virtual', identity(0x85c0, 'VS0001', '1.0', 'IPMI VIRTUALCDROM'))
+put('ide_identity_fuzz', 'fixed-disk', identity(0x0040, 'QM00001', '2.5+', 'QEMU HARDDISK'))

@@ -96,6 +96,42 @@ TEST(CommandTest, AllClassesShowTheBoardFinders)
     }
 }
 
+TEST(CommandTest, TheCdDvdClassListsTheLabServersThreeDrives)
+{
+    Result r = run("list --class cddvd --machine " + kLab);
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(countLines(r.out), 4);
+    EXPECT_NE(r.out.find("QEMU QEMU DVD-ROM    DVD_ROM  SCSI Bus 1, Target 0, LUN 0  "
+                         "System Board!PCI Bus 10!PCI Bus 10, Device 10, Function 10"),
+              std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("LABSCSI SCSI CD-ROM  CDROM    SCSI Bus 2, Target 2, LUN 0  "
+                         "System Board!PCI Bus 0!PCI Bus 0, Device 5, Function 0"),
+              std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("LABUSB USB CD-ROM    CDROM    SCSI Bus 4, Target 0, LUN 0  "
+                         "System Board!PCI Bus 1!PCI Bus 1, Device 1, Function 0"),
+              std::string::npos)
+        << r.out;
+}
+
+TEST(CommandTest, AllClassesIncludeTheCdDvdDrives)
+{
+    Result r = run("list --class all --json --machine " + kLab);
+    ASSERT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("\"finder\": \"cddvd\""), std::string::npos);
+    EXPECT_NE(r.out.find("\"DeviceAdditionalHWInfo\": \"/dev/sg3:/dev/sr2\""), std::string::npos);
+}
+
+TEST(CommandTest, TheIdeServerShowsItsPureIdeAndIdeScsiDrivesOnTheirChannel)
+{
+    Result r = run("tree --class cddvd --machine " + std::string(OSTRAND_SOURCE_DIR) + "/samples/ide-server");
+    ASSERT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("Location 0  [QEMU QEMU DVD-ROM, CDR, /dev/hdc]"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("Location 1  [LABIDE ATAPI CDRW 52X, CDRW, /dev/scd0]"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("Secondary IDE Channel"), std::string::npos) << r.out;
+}
+
 TEST(CommandTest, AnUnknownClassIsOneLineAndStatusTwo)
 {
     Result r = run("list --class toaster --machine " + kLab, true);

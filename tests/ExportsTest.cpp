@@ -154,6 +154,27 @@ TEST(ExportsTest, PciDeviceFinderOperationsAreExported)
     EXPECT_TRUE(exportsName("typeinfo for " + finder, "VR"));
 }
 
+TEST(ExportsTest, CdDvdFinderOperationsAreExported)
+{
+    const std::string finder = "Vantrel::Ostrand::CDDVDDeviceFinder";
+    expectFunctions(finder + "::",
+                    {"CDDVDDeviceFinder", "~CDDVDDeviceFinder", "getAllObjects", "getPureIDECDDevice",
+                     "getSCSICDDevice", "isCDDevice", "isPureIDE", "ideInquiry", "getDeviceClass", "getCDDevNode",
+                     "trimString", "mkDevLocationString", "mkDevParentLocationString", "getSgDeviceDescriptor",
+                     "getDeviceNodeFromSysfs", "getUSBCDLoc_ParentLoc"});
+    EXPECT_TRUE(exportsName("vtable for " + finder, "VR"));
+    EXPECT_TRUE(exportsName("typeinfo for " + finder, "VR"));
+    // Both overloads of each.
+    EXPECT_TRUE(exportsName(finder + "::getDeviceClass[abi:cxx11](char const*) const", "TW"));
+    EXPECT_TRUE(exportsName(finder + "::getDeviceClass(std::__cxx11::basic_string<char, std::char_traits<char>, "
+                                     "std::allocator<char> >&) const",
+                            "TW"));
+    EXPECT_TRUE(exportsName(finder + "::mkDevParentLocationString[abi:cxx11](char) const", "TW"));
+    EXPECT_TRUE(exportsName(finder + "::mkDevParentLocationString[abi:cxx11](int) const", "TW"));
+    // The identity reader behind the IDE walk is the library's own business.
+    EXPECT_FALSE(exportsFunction("Vantrel::Ostrand::readIdentity"));
+}
+
 TEST(ExportsTest, UsbRecordAndLsusbParserAreExported)
 {
     // The record lives in the global namespace.

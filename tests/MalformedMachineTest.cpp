@@ -5,6 +5,7 @@
 // which exception (if any) reaches the caller, and which descriptors, streams
 // and mappings are still open afterwards. Under the sanitizers each row also
 // shows that nothing read out of bounds.
+#include "finders/CDDVDDeviceFinder.h"
 #include "finders/MemoryDeviceFinder.h"
 #include "finders/ModemDeviceFinder.h"
 #include "finders/NetworkDeviceFinder.h"
@@ -23,6 +24,8 @@
 #include "tests/support/Firmware.h"
 #include "tests/support/Machines.h"
 #include "tests/support/Modems.h"
+#include "tests/support/OpticalDrives.h"
+#include "tests/support/PciLines.h"
 #include "tests/support/SysfsTree.h"
 #include "tests/support/ScsiNodes.h"
 
@@ -868,6 +871,127 @@ const Row kRows[] = {
          EXPECT_EQ(sg.isEmulated(fd), SG_HOST_OTHER);
          host::close(fd);
          EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"IdentityBlockWithoutAZeroByte",
+     // Every byte 0xFF: removable, and texts that only the block's end stops.
+     [](host::FakeMachine& machine) {
+         ostrand_test::addPciLines(machine, {ostrand_test::piix3()});
+         auto model = ostrand_test::addIdeNode(machine, "/dev/hda", std::string(512, '\xFF'));
+         model->addReply(0x5A, host::SgReply::good(ostrand_test::capabilityPage(0x01, 0x00)));
+         model->addReply(0x12, host::SgReply::failure(EIO));
+     },
+     [](host::FakeMachine& machine) {
+         CDDVDDeviceFinder finder;
+         std::vector<IWbemClassObject> records = enumerate(finder);
+         ASSERT_EQ(records.size(), 1u);
+         const std::string model(512 - 54, '\xFF');
+         EXPECT_EQ(field(records[0], "DeviceName"), " " + model);
+         EXPECT_EQ(field(records[0], "DeviceModelNumber"), model);
+         EXPECT_EQ(field(records[0], "DeviceFirmwareRevisionLevel"), std::string(512 - 46, '\xFF'));
+         EXPECT_EQ(field(records[0], "DeviceSerialNumber"), std::string(512 - 20, '\xFF'));
+         EXPECT_EQ(field(records[0], "DeviceManufacturerName"), "");
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"ShortInquiryData",
+     // A drive of each walk whose INQUIRY data end after a few bytes, and one
+     // that sends none at all.
+     [](host::FakeMachine& machine) {
+         ostrand_test::addPciLines(machine, {ostrand_test::piix3()});
+         auto ide = ostrand_test::addIdeNode(machine, "/dev/hda",
+                                             ostrand_test::paddedIdentityBlock(0x85C0, "SN", "1.0", "IDE DRIVE"));
+         ide->addReply(0x5A, host::SgReply::good(ostrand_test::capabilityPage(0x00, 0x01)));
+         ide->addReply(0x12, host::SgReply::good("\x05\x80\x05"));
+         ostrand_test::addScsiBlockNode(machine, "/dev/sr0", 2, 0, 0, 0);
+         auto five = ostrand_test::addSgNode(machine, "/dev/sg0", 2, 0, 0, 0, 5);
+         five->addReply(0x12, host::SgReply::good(std::string("\x05\x80\x05\x02\x1F\0\0\0LA", 10)));
+         five->setProbeHost("sym-2.2.3");
+         ostrand_test::addScsiBlockNode(machine, "/dev/sr1", 3, 0, 0, 0);
+         auto none = ostrand_test::addSgNode(machine, "/dev/sg1", 3, 0, 0, 0, 5);
+         none->addReply(0x12, host::SgReply::good(""));
+     },
+     [](host::FakeMachine& machine) {
+         CDDVDDeviceFinder finder;
+         std::vector<IWbemClassObject> records = enumerate(finder);
+         ASSERT_EQ(records.size(), 2u);
+         EXPECT_EQ(fields(records[0]),
+                   (Fields{" ", "", "/dev/hda", "CDRW", "Location 0", "Location 0",
+                           "System Board!PCI Bus 0!PCI Bus 0, Device 1, Function 1!Primary IDE Channel", "CDRW", "",
+                           "", "", "SN                  ", "/dev/hda"}));
+         // Ten bytes: the vendor is cut where the data end. With none at all
+         // the type reads 0, and the drive is left out.
+         EXPECT_EQ(fields(records[1]),
+                   (Fields{"LA ", "", "/dev/sr0", "CDR", "SCSI Bus 2, Target 0, LUN 0", "SCSI Bus 2, Target 0, LUN 0",
+                           "", "CDR", "LA", "", "", "", "/dev/sg0:/dev/sr0"}));
+         EXPECT_TRUE(machine.openDescriptors().empty());
+         EXPECT_EQ(machine.semaphoreValue(SCSI_GENERIC_SEM_KEY), 1);
+     }},
+
+    {"OpticalNodesThatAreNoDevices",
+     // hd and sr names for files, folders, links and nodes that answer nothing.
+     [](host::FakeMachine& machine) {
+         ostrand_test::addPciLines(machine, {ostrand_test::piix3()});
+         machine.addFile("/dev/hda", "not a drive");
+         machine.addDirectory("/dev/hdb");
+         machine.addLink("/dev/hdc", "/dev/nowhere");
+         machine.addNode("/dev/hdd", 'b', nullptr);
+         ostrand_test::addSgNode(machine, "/dev/sg0", 2, 0, 0, 0, 5);
+         machine.addFile("/dev/sr0", "");
+         machine.addDirectory("/dev/sr1");
+         machine.addNode("/dev/sr2", 'c', nullptr);
+         machine.addLink("/dev/sr3", "/dev/sr2");
+     },
+     [](host::FakeMachine& machine) {
+         CDDVDDeviceFinder finder;
+         EXPECT_TRUE(enumerate(finder).empty());
+         EXPECT_TRUE(machine.openDescriptors().empty());
+         EXPECT_EQ(machine.semaphoreValue(SCSI_GENERIC_SEM_KEY), 1);
+         // The link is no node of the scan.
+         for (const std::string& path : machine.opens()) {
+             EXPECT_NE(path, "/dev/sr3");
+         }
+     }},
+
+    {"AdapterParentNamesOfEveryShape",
+     // What SCSI_IOCTL_GET_PCI may say: twenty bytes of noise without a NUL,
+     // colons only, a point only, nothing.
+     [](host::FakeMachine& machine) {
+         const char* names[] = {"\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF",
+                                "::::", ".", ""};
+         for (int i = 0; i < 4; ++i) {
+             std::string n = std::to_string(i);
+             ostrand_test::addScsiBlockNode(machine, "/dev/sr" + n, i, 0, 0, 0);
+             auto sg = ostrand_test::addSgNode(machine, "/dev/sg" + n, i, 0, 0, 0, 5);
+             sg->setPci(names[i]);
+             sg->setProbeHost("sym-2.2.3");
+         }
+     },
+     [](host::FakeMachine& machine) {
+         CDDVDDeviceFinder finder;
+         std::vector<IWbemClassObject> records = enumerate(finder);
+         ASSERT_EQ(records.size(), 4u);
+         for (auto& record : records) {
+             EXPECT_EQ(field(record, "DeviceParentLocation"), "System Board!PCI Bus 0!PCI Bus 0, Device 0, Function 0");
+         }
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"LsbReleaseThatFloods",
+     // One line of a thousand characters with no newline: only its first 255
+     // are read, and the SUSE words behind them count for nothing.
+     [](host::FakeMachine& machine) {
+         machine.addCommand("lsb_release -d 2>&1", std::string(1000, 'x') + " SUSE Server 10");
+         ostrand_test::addScsiBlockNode(machine, "/dev/sr0", 2, 0, 0, 0);
+         ostrand_test::addSgNode(machine, "/dev/sg0", 2, 0, 0, 0, 5)->setProbeHost("sym-2.2.3");
+     },
+     [](host::FakeMachine& machine) {
+         CDDVDDeviceFinder finder;
+         char prefix[5] = {};
+         finder.getCDDevNode(prefix);
+         EXPECT_STREQ(prefix, "scd");
+         EXPECT_EQ(enumerate(finder).size(), 1u);
+         EXPECT_EQ(machine.openStreams(), 0u);
      }},
 };
 
