@@ -11,6 +11,7 @@
 #include "host/models/SgModel.h"
 #include "probes/IdeData.h"
 #include "probes/PCIUtil.h"
+#include "probes/SCSIGeneric.h"
 
 #include <memory>
 #include <string>
