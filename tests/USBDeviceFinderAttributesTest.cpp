@@ -2,6 +2,7 @@
 // the short extraction, the node path, the PCI facts that sysfs cannot give,
 // the usbfs root by kernel release, and the PCI lookups.
 #include "usb/USBDeviceFinder.h"
+#include "usb/LsusbText.h"
 
 #include "host/fake/FakeMachine.h"
 #include "probes/LinuxUtils.h"
@@ -17,6 +18,9 @@ using namespace Vantrel::Ostrand;
 using ostrand_test::SysfsTree;
 
 namespace {
+
+// The label in front of the USB release in addlHWInfo.
+std::string release() { return kUsbReleaseLabel; }
 
 class USBDeviceFinderAttributesTest : public ::testing::Test {
 protected:
@@ -212,10 +216,10 @@ TEST_F(USBDeviceFinderAttributesTest, MaxchildIsThePortCount)
 
 TEST_F(USBDeviceFinderAttributesTest, SetAddlHWInfoSeparatesItemsWithACommaAndABlank)
 {
-    finder.setAddlHWInfo("Specs:", "2.00", &device);
-    EXPECT_EQ(device.addlHWInfo, "Specs:2.00");
+    finder.setAddlHWInfo(release(), "2.00", &device);
+    EXPECT_EQ(device.addlHWInfo, release() + "2.00");
     finder.setAddlHWInfo("Power:", "100mA", &device);
-    EXPECT_EQ(device.addlHWInfo, "Specs:2.00, Power:100mA");
+    EXPECT_EQ(device.addlHWInfo, release() + "2.00, Power:100mA");
 }
 
 // --- The full extraction -------------------------------------------------------
@@ -240,7 +244,7 @@ TEST_F(USBDeviceFinderAttributesTest, ParseDevAttrFillsTheTabletFieldByField)
     expected.serialNo = "28754-0000:00:04.0-1.2";
     expected.usbSpec = "2.00";
     // No revision, so no "Rev:" item.
-    expected.addlHWInfo = "Specs:2.00, Power:100mA Bus";
+    expected.addlHWInfo = release() + "2.00, Power:100mA Bus";
     EXPECT_EQ(ostrand_test::describe(device), ostrand_test::describe(expected));
 }
 
@@ -248,7 +252,7 @@ TEST_F(USBDeviceFinderAttributesTest, ParseDevAttrAddsRevisionAndSelfPower)
 {
     StrMap attrs = {{"version", " 1.10"}, {"bcdDevice", "0601"}, {"bMaxPower", "0mA"}, {"bmAttributes", "e0"}};
     finder.parseDevAttr("usb1", attrs, &device);
-    EXPECT_EQ(device.addlHWInfo, "Specs:1.10, Rev:6.01, Power:0mA Self");
+    EXPECT_EQ(device.addlHWInfo, release() + "1.10, Rev:6.01, Power:0mA Self");
 }
 
 TEST_F(USBDeviceFinderAttributesTest, ParseDevAttrKeepsAVendorNameAlreadyThere)
@@ -263,7 +267,7 @@ TEST_F(USBDeviceFinderAttributesTest, ParseDevAttrOfNothingGivesTheBareLabels)
 {
     StrMap attrs;
     EXPECT_TRUE(finder.parseDevAttr("1-1", attrs, &device));
-    EXPECT_EQ(device.addlHWInfo, "Specs:, Power: Bus");
+    EXPECT_EQ(device.addlHWInfo, release() + ", Power: Bus");
 }
 
 // --- The short extraction --------------------------------------------------------
@@ -272,7 +276,7 @@ TEST_F(USBDeviceFinderAttributesTest, OneUsbDeviceInfoWithNoAttributesHoldsTheTh
 {
     std::string busId = "1-1";
     finder.getOneUSBDeviceInfo(busId, &device);
-    EXPECT_EQ(device.addlHWInfo, "Specs:, Rev:, Power: Bus");
+    EXPECT_EQ(device.addlHWInfo, release() + ", Rev:, Power: Bus");
 }
 
 TEST_F(USBDeviceFinderAttributesTest, OneUsbDeviceInfoReadsReleaseRevisionSerialAndPowerOnly)
@@ -285,7 +289,7 @@ TEST_F(USBDeviceFinderAttributesTest, OneUsbDeviceInfoReadsReleaseRevisionSerial
     machine.setSysfs(tree.root());
     std::string busId = "1-1";
     finder.getOneUSBDeviceInfo(busId, &device);
-    EXPECT_EQ(device.addlHWInfo, "Specs:1.10, Rev:, Power:500mA Bus");
+    EXPECT_EQ(device.addlHWInfo, release() + "1.10, Rev:, Power:500mA Bus");
     EXPECT_EQ(device.serialNo, "42");
     EXPECT_EQ(device.usbSpec, "1.10");
     EXPECT_EQ(device.productName, "");

@@ -3,6 +3,7 @@
 // out copies. The tree here is the lab server's, written in code; the
 // sample machines' own walks are in UsbSampleTest.
 #include "usb/USBDeviceFinder.h"
+#include "usb/LsusbText.h"
 
 #include "host/fake/FakeMachine.h"
 #include "host/fake/MachineDirectory.h"
@@ -27,6 +28,9 @@ using ostrand_test::Attributes;
 using ostrand_test::SysfsTree;
 
 namespace {
+
+// The label in front of the USB release in addlHWInfo.
+std::string release() { return kUsbReleaseLabel; }
 
 const char* const kFolder = "tests/captures/lab-server/usbfs";
 const char* const kUhci = "pci0000:00/0000:00:01.2";
@@ -173,7 +177,7 @@ TEST_F(USBDeviceFinderWalkTest, RootHubOfBusOneTakesTheFirstControllerEvenThough
     expected.controllerVendor = "Intel Corporation";
     expected.deviceDescription = "Intel Corporation 82371SB PIIX3 USB [Natoma/Triton II]";
     expected.displayName = "EHCI Host Controller";
-    expected.addlHWInfo = ", Number of Ports:6, Specs:2.00, Rev:6.01, Power:0mA Self";
+    expected.addlHWInfo = std::string(", Number of Ports:6, ") + release() + "2.00, Rev:6.01, Power:0mA Self";
     expected.location = "PCI Bus 0, Device 1, Function 2";
     expected.parentLocation = "System Board!PCI Bus 0";
     expected.selfPowered = 1;
@@ -212,7 +216,7 @@ TEST_F(USBDeviceFinderWalkTest, HubBehindARootHubAndItsDevices)
     hub.modelName = "QEMU USB Hub";
     hub.usbSpeed = "12";
     hub.deviceDescription = "USB Hub";
-    hub.addlHWInfo = "Number of Ports:8, Specs:2.00, Rev:1.01, Power:0mA Self";
+    hub.addlHWInfo = std::string("Number of Ports:8, ") + release() + "2.00, Rev:1.01, Power:0mA Self";
     hub.parentPath = "/dev/bus/usb/002/001";
     hub.location = "Port 1, Device 002";
     hub.parentLocation = "System Board!PCI Bus 0!PCI Bus 0, Device 4, Function 0";
@@ -306,10 +310,10 @@ TEST_F(USBDeviceFinderWalkTest, ADeviceWithoutDriverGets28AndNoPowerRemark)
     std::vector<Usb_Device> records = drain();
     const Usb_Device& tablet = byPath(records, "/dev/bus/usb/002/005");
     EXPECT_EQ(tablet.deviceErrorCode, 28);
-    EXPECT_EQ(tablet.addlHWInfo, "Specs:2.00, Power:100mA Bus");
+    EXPECT_EQ(tablet.addlHWInfo, release() + "2.00, Power:100mA Bus");
     const Usb_Device& keyboard = byPath(records, "/dev/bus/usb/002/004");
     EXPECT_EQ(keyboard.deviceErrorCode, 10);
-    EXPECT_EQ(keyboard.addlHWInfo, "Specs:2.00, Power:100mA Bus, Device not getting enough power.");
+    EXPECT_EQ(keyboard.addlHWInfo, release() + "2.00, Power:100mA Bus, Device not getting enough power.");
 }
 
 TEST_F(USBDeviceFinderWalkTest, ARootHubWhoseNodeDoesNotOpenCountsTheErrnoAsPorts)
@@ -320,7 +324,7 @@ TEST_F(USBDeviceFinderWalkTest, ARootHubWhoseNodeDoesNotOpenCountsTheErrnoAsPort
     std::vector<Usb_Device> records = drain();
     const Usb_Device& root = byPath(records, "/dev/bus/usb/001/001");
     EXPECT_EQ(root.numOfPorts, EACCES);
-    EXPECT_EQ(root.addlHWInfo, ", Number of Ports:13, Specs:2.00, Rev:6.01, Power:0mA Self");
+    EXPECT_EQ(root.addlHWInfo, std::string(", Number of Ports:13, ") + release() + "2.00, Rev:6.01, Power:0mA Self");
     EXPECT_EQ(root.deviceErrorCode, 28);
     // Nothing below it was reached.
     const Usb_Device& disk = byPath(records, "/dev/bus/usb/001/002");
