@@ -173,3 +173,14 @@ for line in lines('lab-server/ioctls.txt'):
         put('scsi_inquiry_fuzz', f'lab-server-{m.group(1)}-host', m.group(2))
 put('scsi_inquiry_fuzz', 'usb-host', 'SCSI emulation for USB Mass Storage devices')
 put('scsi_inquiry_fuzz', 'ide-host', 'ide-scsi IDE emulation')
+
+# The hub port table's text route: a root hub's line, then the lines of its ports.
+topology = [l for l in lines('lab-server/usb-devices-debugfs.txt') if l.startswith('T:')]
+for i, line in enumerate(topology):
+    put('usb_devices_route_fuzz', f'lab-server-{i}', b'\x01' + escaped(line + '\n').encode('latin-1')
+        + (topology[(i + 1) % len(topology)] + '\n').encode('latin-1'))
+
+# A USB device's sysfs attributes: key choices and values as the lab server's
+# devices have them.
+for i, line in enumerate(l for l in lines('lab-server/sysfs-usb.txt') if not l.startswith(' ')):
+    put('usb_sysfs_attributes_fuzz', f'lab-server-{i}', escaped(line))
