@@ -165,7 +165,10 @@ void drawHub(std::ostream& out, const UsbReport& report, const Usb_Device& hub, 
         std::string state;
         if (port <= count) {
             const UsbPort& p = ports->ports[port - 1];
-            state = std::string(p.busy ? "busy" : "free") + ", " + overCurrentText(p.overCurrent);
+            state = p.busy ? "busy" : "free";
+            if (p.overCurrent != -1) {
+                state += ", " + overCurrentText(p.overCurrent);
+            }
         }
         const Usb_Device* child = nullptr;
         for (const auto& d : report.devices) {
