@@ -1711,6 +1711,29 @@ TEST(CSysfsReaderPathTest, TheSampleReadsWholeUnderALongCheckout)
     EXPECT_EQ(classDevicesRead, 5 + 6 + 6);
 }
 
+TEST(CSysfsReaderPathTest, TheSamplesEmptyFoldersAreListedAndMade)
+{
+    // git keeps none of them; configuring the build makes those in the list.
+    std::ifstream list(std::string(OSTRAND_SOURCE_DIR) + "/samples/empty-folders.txt");
+    std::set<std::string> listed;
+    std::string line;
+    while (std::getline(list, line)) {
+        if (!line.empty() && line[0] != '#') {
+            listed.insert(line);
+        }
+    }
+    EXPECT_EQ(listed.size(), 28u);
+    std::set<std::string> empty;
+    for (const auto& entry : fs::recursive_directory_iterator(kLabSysfs)) {
+        if (entry.is_directory() && !entry.is_symlink() && fs::is_empty(entry.path())) {
+            empty.insert("lab-server/sysfs/" + fs::relative(entry.path(), kLabSysfs).string());
+        }
+    }
+    EXPECT_EQ(empty, listed);
+    // The function behind the bridge has a folder, but nothing was copied into it.
+    EXPECT_TRUE(listed.count("lab-server/sysfs/devices/pci0000:00/0000:00:06.0/0000:01:01.0"));
+}
+
 TEST(CSysfsReaderPathTest, TheSamplesLinksAreRelativeAndDangleOnlyOutOfTheCapture)
 {
     // The captured parts of the tree; links into them all lead somewhere.
