@@ -1,6 +1,7 @@
 // Malformed machines, one row each: missing and broken tools, odd tool output,
 // an empty /dev/, unreadable or empty firmware areas, broken SMBIOS tables,
-// modems that flood or never stop, and broken or missing sysfs trees. Each row runs the finders it concerns (
+// modems that flood or never stop, broken or missing sysfs trees, and machine
+// directories whose includes go round or lead nowhere. Each row runs the finders it concerns (
 // through the facade where the inventory matters) and states what they return,
 // which exception (if any) reaches the caller, and which descriptors, streams
 // and mappings are still open afterwards. Under the sanitizers each row also
@@ -13,6 +14,7 @@
 #include "finders/SerialPortFinder.h"
 #include "frame/CWmiInfo.h"
 #include "host/fake/FakeMachine.h"
+#include "host/fake/MachineDirectory.h"
 #include "host/models/Models.h"
 #include "platform/smbios/SmbiosException.h"
 #include "platform/smbios/SmbiosFactory.h"
@@ -35,6 +37,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace Vantrel::Ostrand;
@@ -143,6 +146,28 @@ ostrand_test::SysfsTree& sysfsOf(host::FakeMachine& machine)
     g_sysfs = std::make_unique<ostrand_test::SysfsTree>();
     machine.setSysfs(g_sysfs->root());
     return *g_sysfs;
+}
+
+// A folder of machine directories for a row: `files` maps paths relative to
+// it to their text. Gives the folder.
+std::string machineFolders(const std::vector<std::pair<std::string, std::string>>& files)
+{
+    g_sysfs = std::make_unique<ostrand_test::SysfsTree>();
+    for (const auto& file : files) {
+        g_sysfs->file(file.first, file.second);
+    }
+    return g_sysfs->root();
+}
+
+// The message of the error that loading a machine directory throws.
+std::string loadError(const std::string& directory)
+{
+    try {
+        host::loadMachine(directory);
+    } catch (const host::MachineDirectoryError& e) {
+        return e.what();
+    }
+    return "<loaded>";
 }
 
 struct Row {
@@ -868,6 +893,48 @@ const Row kRows[] = {
          EXPECT_EQ(sg.isEmulated(fd), SG_HOST_OTHER);
          host::close(fd);
          EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"IncludeCycleThroughAnotherMachine",
+     [](host::FakeMachine&) {},
+     [](host::FakeMachine&) {
+         std::string root = machineFolders({{"a/machine", "uname 6.1.0 x86_64\ninclude ../b\n"},
+                                            {"b/machine", "# b includes a\ninclude ../a\n"}});
+         EXPECT_EQ(loadError(root + "/a"), "machine " + root + "/b, line 2: include cycle: ../a is being loaded already");
+     }},
+
+    {"IncludeOfItself",
+     [](host::FakeMachine&) {},
+     [](host::FakeMachine&) {
+         std::string root = machineFolders({{"a/machine", "include .\n"}, {"b/machine", "\n\ninclude machine\n"}});
+         EXPECT_EQ(loadError(root + "/a"), "machine " + root + "/a, line 1: include cycle: . is being loaded already");
+         EXPECT_EQ(loadError(root + "/b"),
+                   "machine " + root + "/b, line 3: include cycle: machine is being loaded already");
+     }},
+
+    {"IncludeOfAMissingMachine",
+     [](host::FakeMachine&) {},
+     [](host::FakeMachine&) {
+         std::string root = machineFolders({{"a/machine", "uname 6.1.0 x86_64\n\ninclude ../nowhere\n"},
+                                            {"b/machine", "include ../c\n"},
+                                            {"c/data.txt", "no machine file here\n"},
+                                            {"d/machine", "include\n"}});
+         EXPECT_EQ(loadError(root + "/a"), "machine " + root + "/a, line 3: cannot read included machine ../nowhere");
+         EXPECT_EQ(loadError(root + "/b"), "machine " + root + "/b, line 1: cannot read included machine ../c");
+         EXPECT_EQ(loadError(root + "/d"), "machine " + root + "/d, line 1: expected: include PATH");
+     }},
+
+    {"BadLineInAnIncludedFile",
+     // The message names the included file and its own line.
+     [](host::FakeMachine&) {},
+     [](host::FakeMachine&) {
+         std::string root = machineFolders({{"a/machine", "# a\ninclude ../common/base.machine\n"},
+                                            {"common/base.machine", "uname 6.1.0 x86_64\nfrobnicate /dev/x\n"},
+                                            {"b/machine", "include ../c\n"},
+                                            {"c/machine", "uname 6.1.0 x86_64\nfile /etc/x missing.txt\n"}});
+         EXPECT_EQ(loadError(root + "/a"),
+                   "machine " + root + "/common/base.machine, line 2: unknown directive 'frobnicate'");
+         EXPECT_EQ(loadError(root + "/b"), "machine " + root + "/c, line 2: cannot read data file missing.txt");
      }},
 };
 
