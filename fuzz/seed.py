@@ -109,6 +109,10 @@ put('usb_descriptors_fuzz', 'negative-length', bytes([9, 2, 0x80, 0, 1, 1, 0, 0x
 put('usb_attribute_fuzz', 'present', escaped('Product') + 'Vendor5|LABCOProduct10|USB CD-ROMSerial0|')
 put('usb_attribute_fuzz', 'missing', escaped('k') + '3|abcdef')
 put('usb_attribute_fuzz', 'behind', escaped('abc'))
+put('usb_location_fuzz', 'one-hub', escaped('002') + 'USB 1, Root Hub 1, Port 4, Device 002, Port 2')
+put('usb_location_fuzz', 'root-port', escaped('000') + 'USB 2, Root Hub 2, Port 12')
+put('usb_location_fuzz', 'one-comma', escaped('000') + 'USB 1, Port 4, Device 002')
+put('usb_location_fuzz', 'no-port', escaped('000') + 'USB 1, Root Hub 1, ')
 
 # The lsusb target reads the whole input as "lsusb -v" text.
 for name in sorted(os.listdir(os.path.join(captures, 'lsusb'))):

@@ -96,6 +96,20 @@ TEST(CommandTest, AllClassesShowTheBoardFinders)
     }
 }
 
+TEST(CommandTest, FloppyShowsDriveAOfTheSample)
+{
+    Result r = run("list --class floppy --machine " + kLab);
+    ASSERT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("FLOPPY_NAME  144FLOPPY_DRIVE  Floppy Drive 1  System Board!ISA Bus  FLOPPY_H1440_DESCR"),
+              std::string::npos)
+        << r.out;
+    Result tree = run("tree --class floppy --machine " + kLab);
+    ASSERT_EQ(tree.status, 0);
+    EXPECT_NE(tree.out.find("Floppy Drive 1  [FLOPPY_NAME, 144FLOPPY_DRIVE, /dev/fd0]"), std::string::npos) << tree.out;
+    Result all = run("tree --class all --machine " + kLab);
+    EXPECT_NE(all.out.find("Floppy Drive 1  [FLOPPY_NAME, 144FLOPPY_DRIVE, /dev/fd0]"), std::string::npos);
+}
+
 TEST(CommandTest, AnUnknownClassIsOneLineAndStatusTwo)
 {
     Result r = run("list --class toaster --machine " + kLab, true);

@@ -1,5 +1,6 @@
 #include "tools/Enumeration.h"
 
+#include "finders/FloppyDeviceFinder.h"
 #include "finders/MemoryDeviceFinder.h"
 #include "finders/ModemDeviceFinder.h"
 #include "finders/NetworkDeviceFinder.h"
@@ -25,7 +26,8 @@ const std::array<const char*, 13> kKeys = {
 
 namespace {
 
-const std::vector<std::string> kClasses = {"pci", "network", "memory", "serial", "parallel", "modem", "rac"};
+const std::vector<std::string> kClasses = {"pci",      "network", "memory", "serial",
+                                           "parallel", "modem",   "rac",    "floppy"};
 
 std::unique_ptr<IDeviceFinder> makeFinder(const std::string& name)
 {
@@ -36,6 +38,7 @@ std::unique_ptr<IDeviceFinder> makeFinder(const std::string& name)
     if (name == "parallel") return std::make_unique<ParallelPortFinder>();
     if (name == "modem") return std::make_unique<ModemDeviceFinder>();
     if (name == "rac") return std::make_unique<RACDeviceFinder>();
+    if (name == "floppy") return std::make_unique<FloppyDeviceFinder>();
     return nullptr;
 }
 

@@ -53,7 +53,8 @@ int main(int argc, char** argv)
     bool verbose = false;
 
     auto addCommon = [&](CLI::App* command) {
-        command->add_option("--class,-c", className, "pci, network, memory, serial, parallel, modem, rac or all");
+        command->add_option("--class,-c", className,
+                            "pci, network, memory, serial, parallel, modem, rac, floppy or all");
         command->add_option("--machine,-m", machineDir, "a machine kept as data in this directory (default: live)");
         command->add_flag("--verbose,-v", verbose, "say on stderr why a finder gave nothing");
     };
