@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -175,7 +176,16 @@ INSTANTIATE_TEST_SUITE_P(Releases, UsbPortRouteTest,
                                            RouteCase{"6.1.0-56-amd64", "x86_64", false},
                                            RouteCase{"6.1.0-56-amd64", "i686", true},
                                            RouteCase{"2.6.5-7.244-smp", "ppc64", true},
-                                           RouteCase{"3.1.0", "aarch64", true}));
+                                           RouteCase{"3.1.0", "aarch64", true}),
+                         [](const ::testing::TestParamInfo<RouteCase>& info) {
+                             std::string name = std::string(info.param.release) + "_" + info.param.machine;
+                             for (char& c : name) {
+                                 if (std::isalnum(static_cast<unsigned char>(c)) == 0) {
+                                     c = '_';
+                                 }
+                             }
+                             return name;
+                         });
 
 TEST_F(UsbPortStateTest, TextRouteRunsTheHubsGrepThenOneGrepAPort)
 {
