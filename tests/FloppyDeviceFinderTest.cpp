@@ -10,6 +10,7 @@
 #include "tests/support/PciLines.h"
 #include "tests/support/ScsiNodes.h"
 #include "tests/support/SysfsTree.h"
+#include "usb/LsusbText.h"
 
 #include <gtest/gtest.h>
 
@@ -475,7 +476,7 @@ TEST_F(FloppyUsbLocationTest, TheLocationComesFromTheUsbTreeAndTheTagIsCutFromTh
               (Fields{"FLOPPY_USB_NAME", "", "/dev/sdb", "FLOPPY_H1440_USB_DESCR", "Port 4, Device 000",
                       "PCI Bus 0, Device 29, Function ", "System Board!PCI Bus 0!PCI Bus 0, Device 29, Function 7",
                       "144FLOPPY_DRIVE", "LABUSB  ", "USB FLOPPY 1.44 ", "1.00", "FD0001",
-                      "/dev/sg4, Specs:1.10, Rev:2.00, Power:98mA Bus"}));
+                      std::string("/dev/sg4, ") + kUsbReleaseLabel + "1.10, Rev:2.00, Power:98mA Bus"}));
     EXPECT_TRUE(machine.openDescriptors().empty());
 }
 

@@ -5,6 +5,7 @@
 #include "tests/support/ScsiNodes.h"
 #include "tests/support/SysfsTree.h"
 #include "tests/support/UsbRecords.h"
+#include "usb/LsusbText.h"
 
 #include <gtest/gtest.h>
 
@@ -96,7 +97,7 @@ protected:
 Usb_Device bareRecord(const std::string& location, const std::string& parentLocation)
 {
     Usb_Device expected;
-    expected.addlHWInfo = "Specs:, Rev:, Power: Bus";
+    expected.addlHWInfo = kUsbReleaseLabel + std::string(", Rev:, Power: Bus");
     expected.location = location;
     expected.parentLocation = parentLocation;
     return expected;
@@ -127,7 +128,7 @@ TEST_F(StorageLocationTest, ADriveOnARootHubPortGetsEveryFieldFromItsPathAndAttr
     expected.usbSpec = "2.00";
     expected.firmwareRev = "1.00";
     expected.serialNo = "LAB0001";
-    expected.addlHWInfo = "Specs:2.00, Rev:1.00, Power:100mA Self";
+    expected.addlHWInfo = kUsbReleaseLabel + std::string("2.00, Rev:1.00, Power:100mA Self");
     // The device number is read through cat into the null device: 000.
     expected.location = "Port 1, Device 000";
     expected.parentLocation = "System Board!PCI Bus 0!PCI Bus 0, Device 29, Function 0";
