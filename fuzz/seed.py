@@ -109,6 +109,10 @@ put('usb_descriptors_fuzz', 'negative-length', bytes([9, 2, 0x80, 0, 1, 1, 0, 0x
 put('usb_attribute_fuzz', 'present', escaped('Product') + 'Vendor5|LABCOProduct10|USB CD-ROMSerial0|')
 put('usb_attribute_fuzz', 'missing', escaped('k') + '3|abcdef')
 put('usb_attribute_fuzz', 'behind', escaped('abc'))
+put('usb_location_fuzz', 'one-hub', escaped('002') + 'USB 1, Root Hub 1, Port 4, Device 002, Port 2')
+put('usb_location_fuzz', 'root-port', escaped('000') + 'USB 2, Root Hub 2, Port 12')
+put('usb_location_fuzz', 'one-comma', escaped('000') + 'USB 1, Port 4, Device 002')
+put('usb_location_fuzz', 'no-port', escaped('000') + 'USB 1, Root Hub 1, ')
 
 # The lsusb target reads the whole input as "lsusb -v" text.
 for name in sorted(os.listdir(os.path.join(captures, 'lsusb'))):
@@ -173,6 +177,17 @@ for line in lines('lab-server/ioctls.txt'):
         put('scsi_inquiry_fuzz', f'lab-server-{m.group(1)}-host', m.group(2))
 put('scsi_inquiry_fuzz', 'usb-host', 'SCSI emulation for USB Mass Storage devices')
 put('scsi_inquiry_fuzz', 'ide-host', 'ide-scsi IDE emulation')
+
+# The hub port table's text route: a root hub's line, then the lines of its ports.
+topology = [l for l in lines('lab-server/usb-devices-debugfs.txt') if l.startswith('T:')]
+for i, line in enumerate(topology):
+    put('usb_devices_route_fuzz', f'lab-server-{i}', b'\x01' + escaped(line + '\n').encode('latin-1')
+        + (topology[(i + 1) % len(topology)] + '\n').encode('latin-1'))
+
+# A USB device's sysfs attributes: key choices and values as the lab server's
+# devices have them.
+for i, line in enumerate(l for l in lines('lab-server/sysfs-usb.txt') if not l.startswith(' ')):
+    put('usb_sysfs_attributes_fuzz', f'lab-server-{i}', escaped(line))
 
 # IDE identity blocks: the lab server's CD-ROM drive as HDIO_GET_IDENTITY
 # gave it (the words the capture does not show are zero), and variants whose

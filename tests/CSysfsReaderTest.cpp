@@ -118,16 +118,19 @@ private:
     sysfs_attribute m_attribute;
 };
 
-// A file's bytes as the reader hands them on: the last line feed goes.
+// A file's bytes as the reader hands them on: the last line feed goes, and
+// a file that ends in none (the binary inquiry and vpd_pg* of the SCSI
+// devices) loses its last byte; one that begins with a zero byte is empty.
 std::string asText(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream bytes;
     bytes << in.rdbuf();
     std::string text = bytes.str();
-    if (!text.empty() && text.back() == '\n') {
-        text.pop_back();
+    if (text.empty() || text[0] == '\0') {
+        return "";
     }
+    text.pop_back();
     return text;
 }
 
@@ -618,12 +621,16 @@ TEST_F(LabServerSysfsTest, TheScsiBusListsHostsTargetsAndDevices)
     }
 }
 
-TEST_F(LabServerSysfsTest, ThePciBusListsTheControllersOnTheScsiPaths)
+TEST_F(LabServerSysfsTest, ThePciBusListsEveryFunction)
 {
     StrMapMap devices;
     ASSERT_EQ(reader.GetDeviceList(BUS_TYPE_PCI, devices), 0);
-    EXPECT_EQ(keys(devices), (std::set<std::string>{"0000:00:01.1", "0000:00:01.2", "0000:00:04.0", "0000:00:05.0",
-                                                    "0000:00:07.0"}));
+    EXPECT_EQ(keys(devices), (std::set<std::string>{"0000:00:00.0", "0000:00:01.0", "0000:00:01.1", "0000:00:01.2",
+                                                    "0000:00:01.3", "0000:00:02.0", "0000:00:03.0", "0000:00:04.0",
+                                                    "0000:00:05.0", "0000:00:06.0", "0000:00:07.0", "0000:01:01.0"}));
+    // The function behind the bridge is listed by its own path.
+    EXPECT_EQ(devices.at("0000:01:01.0").at("path"), devicePath("pci0000:00/0000:00:06.0/0000:01:01.0"));
+    EXPECT_EQ(devices.at("0000:00:00.0").at("driver_name"), "unknown");
     EXPECT_EQ(devices.at("0000:00:07.0"), (StrMap{{"name", "0000:00:07.0"},
                                                  {"bus", ""},
                                                  {"driver_name", "megaraid_sas"},
@@ -742,12 +749,17 @@ TEST_F(LabServerSysfsTest, TheAttributesOfTheScsiCdrom)
 {
     StrMap attributes;
     ASSERT_EQ(reader.GetDeviceAttr("2:0:2:0", BUS_TYPE_SCSI, attributes), 0);
-    EXPECT_EQ(attributes, (StrMap{{"type", "5"},
-                                  {"vendor", "LABSCSI "},
-                                  {"model", "SCSI CD-ROM     "},
-                                  {"rev", "1.00"},
-                                  {"modalias", "scsi:t-0x05"},
-                                  {"uevent", "DEVTYPE=scsi_device\nDRIVER=sr\nMODALIAS=scsi:t-0x05"}}));
+    EXPECT_EQ(attributes.at("type"), "5");
+    EXPECT_EQ(attributes.at("vendor"), "LABSCSI ");
+    EXPECT_EQ(attributes.at("model"), "SCSI CD-ROM     ");
+    EXPECT_EQ(attributes.at("rev"), "1.00");
+    EXPECT_EQ(attributes.at("modalias"), "scsi:t-0x05");
+    EXPECT_EQ(attributes.at("uevent"), "DEVTYPE=scsi_device\nDRIVER=sr\nMODALIAS=scsi:t-0x05");
+    // The binary INQUIRY data ends in no line feed: it loses its last byte.
+    EXPECT_EQ(attributes.at("inquiry"), std::string("\x05\x80\x05\x12\x1F\0\0\x12LABSCSI SCSI CD-ROM     1.0", 35));
+    // Every file of the device, no more.
+    EXPECT_EQ(attributes, attributesOnDisk(onDisk(kCdrom)));
+    EXPECT_EQ(attributes.size(), 30u);
 }
 
 TEST_F(LabServerSysfsTest, TheAttributesOfEveryScsiDeviceAsTheCaptureHasThem)
@@ -778,13 +790,16 @@ TEST_F(LabServerSysfsTest, TheAttributesOfAPciController)
 {
     StrMap attributes;
     ASSERT_EQ(reader.GetDeviceAttr("0000:00:01.1", BUS_TYPE_PCI, attributes), 0);
-    EXPECT_EQ(attributes, (StrMap{{"vendor", "0x8086"},
-                                  {"device", "0x7010"},
-                                  {"subsystem_vendor", "0x1af4"},
-                                  {"subsystem_device", "0x1100"},
-                                  {"class", "0x010180"},
-                                  {"revision", "0x00"},
-                                  {"irq", "0"}}));
+    const StrMap expected = {{"vendor", "0x8086"},           {"device", "0x7010"}, {"subsystem_vendor", "0x1af4"},
+                             {"subsystem_device", "0x1100"}, {"class", "0x010180"}, {"revision", "0x00"},
+                             {"irq", "0"}};
+    for (const auto& attribute : expected) {
+        EXPECT_EQ(attributes.at(attribute.first), attribute.second) << attribute.first;
+    }
+    EXPECT_EQ(attributes.at("uevent"), "DRIVER=ata_piix\nPCI_CLASS=10180\nPCI_ID=8086:7010\nPCI_SUBSYS_ID=1AF4:1100\n"
+                                       "PCI_SLOT_NAME=0000:00:01.1\n"
+                                       "MODALIAS=pci:v00008086d00007010sv00001AF4sd00001100bc01sc01i80");
+    EXPECT_EQ(attributes, attributesOnDisk(onDisk("pci0000:00/0000:00:01.1")));
 }
 
 TEST_F(CSysfsReaderTest, AttributeFilesByteByByte)
@@ -914,9 +929,12 @@ TEST_F(LabServerSysfsTest, DriversOfTheScsiDevicesAndControllers)
         EXPECT_EQ(reader.GetDeviceDriver(row.first, BUS_TYPE_SCSI, driver), 0) << row.first;
         EXPECT_EQ(driver, row.second) << row.first;
     }
+    // The captured tree's PCI driver folders hold no link to their devices
+    // (only a stray link named after the driver), so a PCI function's driver
+    // is not found through them; the SCSI drivers' folders are whole.
     std::string driver = "old";
-    EXPECT_EQ(reader.GetDeviceDriver("0000:00:05.0", BUS_TYPE_PCI, driver), 0);
-    EXPECT_EQ(driver, "sym53c8xx");
+    EXPECT_EQ(reader.GetDeviceDriver("0000:00:05.0", BUS_TYPE_PCI, driver), 1);
+    EXPECT_EQ(driver, "");
     // A host has no driver.
     EXPECT_EQ(reader.GetDeviceDriver("host2", BUS_TYPE_SCSI, driver), 1);
     EXPECT_EQ(driver, "");
@@ -1183,7 +1201,9 @@ TEST_F(LabServerSysfsTest, TheScsiHostAndBlockClasses)
                                          {"path", devicePath("pci0000:00/0000:00:07.0/host3/scsi_host/host3")}}));
     StrMapMap blocks;
     ASSERT_EQ(reader.GetClsDeviceList("block", blocks), 0);
-    EXPECT_EQ(keys(blocks), (std::set<std::string>{"sda", "sdb", "sr0", "sr1", "sr2"}));
+    // fd0's device (platform/floppy.0) lies outside the captured part of the
+    // tree: its class link dangles, and it is listed under its target's name.
+    EXPECT_EQ(keys(blocks), (std::set<std::string>{"fd0", "sda", "sdb", "sr0", "sr1", "sr2"}));
     EXPECT_EQ(blocks.at("sr0"),
               (StrMap{{"classname", "block"}, {"path", devicePath(std::string(kIdeCdrom) + "/block/sr0")}}));
 }
@@ -1263,7 +1283,9 @@ TEST_F(LabServerSysfsTest, AScsiHostAndTheDeviceBehindIt)
 {
     StrMap classAttributes, deviceAttributes;
     ASSERT_EQ(reader.GetClsDeviceAttr("scsi_host", "host2", classAttributes, deviceAttributes), 0);
-    EXPECT_EQ(classAttributes, (StrMap{{"proc_name", "sym53c8xx"}}));
+    EXPECT_EQ(classAttributes.at("proc_name"), "sym53c8xx");
+    EXPECT_EQ(classAttributes.at("unique_id"), "53248");
+    EXPECT_EQ(classAttributes, attributesOnDisk(onDisk("pci0000:00/0000:00:05.0/host2/scsi_host/host2")));
     EXPECT_EQ(deviceAttributes, (StrMap{{"bus_id", "host2"},
                                         {"bus", ""},
                                         {"driver_name", "unknown"},
@@ -1289,17 +1311,20 @@ TEST_F(LabServerSysfsTest, AnSgNodeAndTheUsbCdromBehindIt)
     StrMap classAttributes, deviceAttributes;
     ASSERT_EQ(reader.GetClsDeviceAttr("scsi_generic", "sg3", classAttributes, deviceAttributes), 0);
     EXPECT_EQ(classAttributes, (StrMap{{"dev", "21:3"}, {"uevent", "MAJOR=21\nMINOR=3\nDEVNAME=sg3"}}));
-    EXPECT_EQ(deviceAttributes, (StrMap{{"bus_id", "4:0:0:0"},
-                                        {"bus", ""},
-                                        {"driver_name", "sr"},
-                                        {"path", devicePath(kUsbCdrom)},
-                                        {"name", "4:0:0:0"},
-                                        {"type", "5"},
-                                        {"vendor", "LABUSB  "},
-                                        {"model", "USB CD-ROM      "},
-                                        {"rev", "1.00"},
-                                        {"modalias", "scsi:t-0x05"},
-                                        {"uevent", "DEVTYPE=scsi_device\nDRIVER=sr\nMODALIAS=scsi:t-0x05"}}));
+    // The five facts of the device, then its attributes.
+    StrMap expected = {{"bus_id", "4:0:0:0"},
+                       {"bus", ""},
+                       {"driver_name", "sr"},
+                       {"path", devicePath(kUsbCdrom)},
+                       {"name", "4:0:0:0"}};
+    for (const auto& attribute : attributesOnDisk(onDisk(kUsbCdrom))) {
+        expected.insert(attribute);
+    }
+    EXPECT_EQ(deviceAttributes, expected);
+    EXPECT_EQ(deviceAttributes.at("vendor"), "LABUSB  ");
+    EXPECT_EQ(deviceAttributes.at("model"), "USB CD-ROM      ");
+    EXPECT_EQ(deviceAttributes.at("rev"), "1.00");
+    EXPECT_EQ(deviceAttributes.at("max_sectors"), "240");
 }
 
 TEST_F(LabServerSysfsTest, TheBlockDevicesWithDevRemovableAndSize)
@@ -1570,22 +1595,42 @@ TEST(CSysfsReaderSeamTest, MachineDirectoriesNameTheFolderAndTheMount)
 
 // --- libsysfs's path limits ------------------------------------------------------
 
-// libsysfs builds an attribute's path from its folder and its name in buffers
-// that hold little more than 128 characters: beyond that names come out cut
-// and other files are read. The fake machine's alias keeps the root short.
-const size_t kLibsysfsAttributePathBound = 128;
+// libsysfs loses a device whose folder's path, as it sees it, is longer than
+// 125 characters: the device comes back without its attributes. Long
+// attribute names in a shorter folder are read whole. The fake machine's
+// alias keeps the root short.
+const size_t kLibsysfsDevicePathBound = 125;
 
-TEST(CSysfsReaderPathTest, EveryPathOfTheSampleTreeFitsBehindTheAlias)
+// The folders that libsysfs opens as devices: those of the buses' devices
+// and of the class devices, relative to the root.
+std::set<std::string> sampleDeviceFolders()
 {
-    std::string deepest;
-    for (const auto& entry : fs::recursive_directory_iterator(kLabSysfs)) {
-        std::string relative = fs::relative(entry.path(), kLabSysfs).string();
-        if (relative.size() > deepest.size()) {
-            deepest = relative;
+    std::set<std::string> folders;
+    const std::string root = fs::canonical(kLabSysfs).string();
+    for (const char* lists : {"bus/pci/devices", "bus/scsi/devices", "bus/usb/devices", "class/scsi_generic",
+                              "class/scsi_host", "class/scsi_device", "class/scsi_disk", "class/block"}) {
+        for (const auto& entry : fs::directory_iterator(kLabSysfs + "/" + lists)) {
+            std::error_code error;
+            fs::path folder = fs::canonical(entry.path(), error);
+            if (!error) {
+                folders.insert(fs::relative(folder, root).string());
+            }
         }
     }
-    size_t length = host::kSysfsAliasLength + 1 + deepest.size();
-    EXPECT_LE(length, kLibsysfsAttributePathBound) << "deepest: " << deepest;
+    return folders;
+}
+
+TEST(CSysfsReaderPathTest, EveryDeviceFolderOfTheSampleFitsBehindTheAlias)
+{
+    std::set<std::string> folders = sampleDeviceFolders();
+    EXPECT_EQ(folders.size(), 12u + 16u + 14u + 5u + 6u + 5u + 2u + 5u);
+    std::string deepest;
+    for (const auto& folder : folders) {
+        if (folder.size() > deepest.size()) {
+            deepest = folder;
+        }
+    }
+    EXPECT_LE(host::kSysfsAliasLength + 1 + deepest.size(), kLibsysfsDevicePathBound) << "deepest: " << deepest;
 }
 
 TEST(CSysfsReaderPathTest, LibsysfsManglesAttributesBeyondItsBound)
@@ -1594,8 +1639,7 @@ TEST(CSysfsReaderPathTest, LibsysfsManglesAttributesBeyondItsBound)
     // its attribute paths pass it loses its attributes.
     SysfsTree tree;
     std::string deep = "platform";
-    while (host::kSysfsAliasLength + std::string("/devices/").size() + deep.size() + std::string("/type").size() <=
-           kLibsysfsAttributePathBound + 8) {
+    while (host::kSysfsAliasLength + std::string("/devices/").size() + deep.size() <= kLibsysfsDevicePathBound) {
         deep += "/abcdefghij";
     }
     tree.device(deep, {{"type", "5\n"}, {"vendor", "LAB\n"}}).onBus("scsi", deep, "deep");
@@ -1626,9 +1670,9 @@ TEST(CSysfsReaderPathTest, TheSampleReadsWholeUnderALongCheckout)
     host::ScopedMachine scope{machine};
     CSysfsReader reader(nullptr);
 
-    // Every device of both buses: its attributes are exactly its files.
+    // Every device of the three buses: its attributes are exactly its files.
     int devicesRead = 0;
-    for (BusType bus : {BUS_TYPE_SCSI, BUS_TYPE_PCI}) {
+    for (BusType bus : {BUS_TYPE_SCSI, BUS_TYPE_PCI, BUS_TYPE_USB}) {
         StrMapMap devices;
         ASSERT_EQ(reader.GetDeviceList(bus, devices), 0);
         for (const auto& device : devices) {
@@ -1639,7 +1683,7 @@ TEST(CSysfsReaderPathTest, TheSampleReadsWholeUnderALongCheckout)
             ++devicesRead;
         }
     }
-    EXPECT_EQ(devicesRead, 16 + 5);
+    EXPECT_EQ(devicesRead, 16 + 12 + 14);
     // Every class device of the three classes: its files, and the device behind it.
     int classDevicesRead = 0;
     for (const char* cls : {"scsi_generic", "scsi_host", "block"}) {
@@ -1649,26 +1693,76 @@ TEST(CSysfsReaderPathTest, TheSampleReadsWholeUnderALongCheckout)
             std::string onDisk = copy + device.second.at("path").substr(std::strlen(machine.sysfsRoot()));
             StrMap classAttributes, deviceAttributes;
             ASSERT_EQ(reader.GetClsDeviceAttr(cls, device.first, classAttributes, deviceAttributes), 0);
+            ++classDevicesRead;
+            if (!fs::exists(onDisk)) {
+                // fd0, whose folder lies outside the captured part: nothing.
+                EXPECT_EQ(device.first, "fd0");
+                EXPECT_TRUE(classAttributes.empty() && deviceAttributes.empty());
+                continue;
+            }
             EXPECT_EQ(classAttributes, attributesOnDisk(onDisk)) << device.first;
             StrMap behind = attributesOnDisk(fs::canonical(onDisk + "/device").string());
             for (const auto& attribute : behind) {
                 EXPECT_EQ(deviceAttributes.at(attribute.first), attribute.second) << device.first;
             }
             EXPECT_EQ(deviceAttributes.size(), behind.size() + 5) << device.first;
-            ++classDevicesRead;
         }
     }
-    EXPECT_EQ(classDevicesRead, 5 + 6 + 5);
+    EXPECT_EQ(classDevicesRead, 5 + 6 + 6);
 }
 
-TEST(CSysfsReaderPathTest, TheSampleHasNoDanglingLink)
+TEST(CSysfsReaderPathTest, TheSamplesEmptyFoldersAreListedAndMade)
 {
-    for (const auto& entry : fs::recursive_directory_iterator(kLabSysfs)) {
-        if (entry.is_symlink()) {
-            EXPECT_TRUE(fs::exists(entry.path())) << entry.path();
-            EXPECT_TRUE(fs::read_symlink(entry.path()).is_relative()) << entry.path();
+    // git keeps none of them; configuring the build makes those in the list.
+    std::ifstream list(std::string(OSTRAND_SOURCE_DIR) + "/samples/empty-folders.txt");
+    std::set<std::string> listed;
+    std::string line;
+    while (std::getline(list, line)) {
+        if (!line.empty() && line[0] != '#') {
+            listed.insert(line);
         }
     }
+    EXPECT_EQ(listed.size(), 28u);
+    std::set<std::string> empty;
+    for (const auto& entry : fs::recursive_directory_iterator(kLabSysfs)) {
+        if (entry.is_directory() && !entry.is_symlink() && fs::is_empty(entry.path())) {
+            empty.insert("lab-server/sysfs/" + fs::relative(entry.path(), kLabSysfs).string());
+        }
+    }
+    EXPECT_EQ(empty, listed);
+    // The function behind the bridge has a folder, but nothing was copied into it.
+    EXPECT_TRUE(listed.count("lab-server/sysfs/devices/pci0000:00/0000:00:06.0/0000:01:01.0"));
+}
+
+TEST(CSysfsReaderPathTest, TheSamplesLinksAreRelativeAndDangleOnlyOutOfTheCapture)
+{
+    // The captured parts of the tree; links into them all lead somewhere.
+    const char* const captured[] = {"bus/scsi/",          "bus/usb/",         "bus/pci/devices/", "bus/pci/drivers/",
+                                    "class/scsi_generic/", "class/scsi_host/", "class/scsi_device/", "class/scsi_disk/",
+                                    "class/block/",       "devices/pci0000:00/"};
+    const fs::path root = fs::canonical(kLabSysfs);
+    int dangling = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(kLabSysfs)) {
+        if (!entry.is_symlink()) {
+            continue;
+        }
+        fs::path text = fs::read_symlink(entry.path());
+        EXPECT_TRUE(text.is_relative()) << entry.path();
+        if (fs::exists(entry.path())) {
+            continue;
+        }
+        ++dangling;
+        std::string target = (fs::canonical(entry.path().parent_path()) / text).lexically_normal().string();
+        std::string relative = target.compare(0, root.string().size() + 1, root.string() + "/") == 0
+                                   ? target.substr(root.string().size() + 1)
+                                   : "../" + target;
+        for (const char* part : captured) {
+            EXPECT_NE(relative.compare(0, std::strlen(part), part), 0) << entry.path() << " -> " << text;
+        }
+    }
+    // module/, the ACPI nodes, platform and virtual devices, the classes and
+    // buses not copied, and the stray links of bus/pci.
+    EXPECT_EQ(dangling, 63);
 }
 
 } // namespace

@@ -132,6 +132,20 @@ TEST(CommandTest, TheIdeServerShowsItsPureIdeAndIdeScsiDrivesOnTheirChannel)
     EXPECT_NE(r.out.find("Secondary IDE Channel"), std::string::npos) << r.out;
 }
 
+TEST(CommandTest, FloppyShowsDriveAOfTheSample)
+{
+    Result r = run("list --class floppy --machine " + kLab);
+    ASSERT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("FLOPPY_NAME  144FLOPPY_DRIVE  Floppy Drive 1  System Board!ISA Bus  FLOPPY_H1440_DESCR"),
+              std::string::npos)
+        << r.out;
+    Result tree = run("tree --class floppy --machine " + kLab);
+    ASSERT_EQ(tree.status, 0);
+    EXPECT_NE(tree.out.find("Floppy Drive 1  [FLOPPY_NAME, 144FLOPPY_DRIVE, /dev/fd0]"), std::string::npos) << tree.out;
+    Result all = run("tree --class all --machine " + kLab);
+    EXPECT_NE(all.out.find("Floppy Drive 1  [FLOPPY_NAME, 144FLOPPY_DRIVE, /dev/fd0]"), std::string::npos);
+}
+
 TEST(CommandTest, AnUnknownClassIsOneLineAndStatusTwo)
 {
     Result r = run("list --class toaster --machine " + kLab, true);
@@ -164,6 +178,78 @@ TEST(CommandTest, BadUseOfTheOptionsIsOneLineAndStatusTwo)
     r = run("", true);
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(countLines(r.out), 1);
+}
+
+// --- ostrand usb -----------------------------------------------------------------
+
+namespace {
+
+std::string captured(const std::string& name)
+{
+    FILE* file = std::fopen((std::string(OSTRAND_SOURCE_DIR) + "/tests/captures/lab-server/" + name).c_str(), "rb");
+    std::string text;
+    if (file == nullptr) {
+        return text;
+    }
+    char buffer[4096];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
+        text.append(buffer, n);
+    }
+    std::fclose(file);
+    return text;
+}
+
+const std::string kLab26 = std::string(OSTRAND_SOURCE_DIR) + "/samples/lab-server-2.6";
+
+} // namespace
+
+// The samples replay to exactly what the command printed inside the lab
+// guest, on the text route (usbfs on /proc/bus/usb, kernel 6.1) and on the
+// ioctl route (release 2.6.61, nodes under /dev/bus/usb).
+TEST(CommandTest, UsbTreeOfTheLabServerIsWhatTheLabPrinted)
+{
+    Result r = run("usb --machine " + kLab);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, captured("ostrand-usb-6.1-legacy-usbfs.txt"));
+}
+
+TEST(CommandTest, UsbJsonOfTheLabServerIsWhatTheLabPrinted)
+{
+    Result r = run("usb --json --machine " + kLab);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, captured("ostrand-usb-6.1-legacy-usbfs.json"));
+}
+
+TEST(CommandTest, UsbTreeUnderThe26PersonalityIsWhatTheLabPrinted)
+{
+    Result r = run("usb --machine " + kLab26);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, captured("ostrand-usb-2.6.txt"));
+    r = run("usb --json --machine " + kLab26);
+    EXPECT_EQ(r.out, captured("ostrand-usb-2.6.json"));
+}
+
+TEST(CommandTest, UsbWithoutAUsbFileSystemIsOneLineOnStderrAndStatusOne)
+{
+    std::string machine = std::string(OSTRAND_SOURCE_DIR) + "/tests/machines/lab-server-without-usbfs";
+    Result r = run("usb --machine " + machine + " 2>&1 >/dev/null", false);
+    EXPECT_EQ(r.status, 1);
+    Result both = run("usb --machine " + machine, true);
+    EXPECT_EQ(both.out, "No USB devices.\nostrand: usbdevfs not mounted, cannot enumerate!\n");
+    Result json = run("usb --json --machine " + machine);
+    EXPECT_EQ(json.status, 1);
+    EXPECT_EQ(json.out, "{\n  \"devices\": [],\n  \"error\": \"usbdevfs not mounted, cannot enumerate!\"\n}\n");
+}
+
+TEST(CommandTest, UsbBadUseIsOneLineAndStatusTwo)
+{
+    Result r = run("usb --class pci --machine " + kLab, true);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(countLines(r.out), 1);
+    r = run("usb --machine /no/such/machine", true);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.out, "ostrand: machine /no/such/machine: no such directory\n");
 }
 
 #endif

@@ -175,6 +175,20 @@ TEST(ExportsTest, CdDvdFinderOperationsAreExported)
     EXPECT_FALSE(exportsFunction("Vantrel::Ostrand::readIdentity"));
 }
 
+TEST(ExportsTest, FloppyDeviceFinderOperationsAreExported)
+{
+    const std::string finder = "Vantrel::Ostrand::FloppyDeviceFinder";
+    expectFunctions(finder + "::", {"FloppyDeviceFinder", "~FloppyDeviceFinder", "getAllObjects", "getISAFloppies",
+                                    "getUSBFloppies", "getSgDeviceDescriptor", "getUSBFDDLoc_ParentLoc"});
+    EXPECT_TRUE(exportsName("vtable for " + finder, "VR"));
+    EXPECT_TRUE(exportsName("typeinfo for " + finder, "VR"));
+}
+
+TEST(ExportsTest, TheUsbStorageLocationIsExported)
+{
+    expectFunctions("Vantrel::Ostrand::USBDeviceFinder::", {"getMyUSBInformation", "getLocationInfo"});
+}
+
 TEST(ExportsTest, UsbRecordAndLsusbParserAreExported)
 {
     // The record lives in the global namespace.
@@ -252,7 +266,8 @@ TEST(ExportsTest, NoFakeMachineIsBuiltIntoTheLibrary)
     std::string line;
     while (std::getline(lines, line)) {
         for (const char* name : {"FakeMachine", "FakeFileTree", "FakeSemaphores", "DeviceModel", "SerialModel",
-                                 "MemoryModel", "FileModel", "ModemScript", "loadMachine"}) {
+                                 "MemoryModel", "FileModel", "ModemScript", "loadMachine",
+                                 "FloppyModel", "ScsiBlockModel", "IdeModel"}) {
             if (line.find(name) != std::string::npos) {
                 fake += line + "\n";
                 break;

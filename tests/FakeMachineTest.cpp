@@ -2,6 +2,7 @@
 #include "host/models/Models.h"
 #include "host/fake/MachineDirectory.h"
 #include "tests/support/Machines.h"
+#include "tests/support/SysfsTree.h"
 
 #include <gtest/gtest.h>
 
@@ -9,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <linux/serial.h>
+#include <set>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -265,6 +267,44 @@ TEST(MachineDirectoryTest, LoadsTheLabServerSample)
     struct utsname name;
     host::uname(&name);
     EXPECT_STREQ(name.release, "6.1.0-56-amd64");
+}
+
+TEST(MachineDirectoryTest, AnIncludedMachineLoadsInPlaceWithItsOwnDataFiles)
+{
+    ostrand_test::SysfsTree folders;
+    folders.file("base/machine", "uname 2.6.16 i686\nrun out.txt lsusb -v 2>&1\nrun out.txt mount 2>&1\nfile /etc/a a.txt\n")
+        .file("base/out.txt", "from base\n")
+        .file("base/a.txt", "a of base\n")
+        .file("common/more.machine", "file /etc/b b.txt\ntools dirname\n")
+        .file("common/b.txt", "b of common\n")
+        .file("top/machine", "uname 9.9 x86_64\ninclude ../base\nuname 2.6.61-56-amd64 x86_64\n"
+                             "run mine.txt mount 2>&1\ninclude " + folders.root() + "/common/more.machine\n")
+        .file("top/mine.txt", "from top\n");
+    auto machine = host::loadMachine(folders.root() + "/top");
+    host::ScopedMachine scope{*machine};
+    struct utsname name;
+    host::uname(&name);
+    // Lines after the include override it, lines before it are overridden.
+    EXPECT_STREQ(name.release, "2.6.61-56-amd64");
+    EXPECT_STREQ(name.machine, "x86_64");
+    FILE* stream = host::popen("lsusb -v 2>&1", "r");
+    EXPECT_EQ(readAll(stream), "from base\n");
+    host::pclose(stream);
+    stream = host::popen("mount 2>&1", "r");
+    EXPECT_EQ(readAll(stream), "from top\n");
+    host::pclose(stream);
+    // Data files are read from the folder of the file that names them.
+    EXPECT_NE(machine->model("/etc/a"), nullptr);
+    int fd = host::open("/etc/b", O_RDONLY);
+    char text[32] = {};
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(host::read(fd, text, sizeof text - 1), 12);
+    host::close(fd);
+    EXPECT_STREQ(text, "b of common\n");
+    EXPECT_EQ(machine->tools(), std::set<std::string>{"dirname"});
+    // The same file may be included twice, one after the other.
+    auto twice = host::loadMachine(folders.file("twice/machine", "include ../base\ninclude ../base\n").root() + "/twice");
+    EXPECT_NE(twice->model("/etc/a"), nullptr);
 }
 
 TEST(MachineDirectoryTest, LoadsTheVirtioSample)

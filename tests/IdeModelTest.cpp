@@ -326,7 +326,7 @@ TEST(IdeDirectiveTest, BadLinesNameTheirFault)
         {"sg /dev/sg0\nide-packet /dev/sg0 inquiry good\n", "no ide or scsi-block node /dev/sg0"},
         {"ide /dev/hdc packets=2\n", "'packets' is 0 or 1"},
         {"ide /dev/hdc identity=no-such-file\n", "no-such-file"},
-        {"scsi-block /dev/sr0 host=x\n", "'host' is not a number"},
+        {"scsi-block /dev/sr0 host=x\n", "'host' is a number from 0 to 255: x"},
         {"ide /dev/hdc\nide-packet /dev/hdc eject good\n", "unknown SCSI command eject"},
         {"ide /dev/hdc\nide-packet /dev/hdc inquiry check 2\n", "expected: ide-packet"},
         {"ide /dev/hdc\nide-packet /dev/hdc inquiry maybe\n", "expected: ide-packet"},

@@ -1,11 +1,14 @@
 // Malformed machines, one row each: missing and broken tools, odd tool output,
 // an empty /dev/, unreadable or empty firmware areas, broken SMBIOS tables,
-// modems that flood or never stop, and broken or missing sysfs trees. Each row runs the finders it concerns (
+// modems that flood or never stop, broken or missing sysfs trees, floppy and
+// disk nodes that are no such thing, and machine directories whose includes
+// go round or lead nowhere. Each row runs the finders it concerns (
 // through the facade where the inventory matters) and states what they return,
 // which exception (if any) reaches the caller, and which descriptors, streams
 // and mappings are still open afterwards. Under the sanitizers each row also
 // shows that nothing read out of bounds.
 #include "finders/CDDVDDeviceFinder.h"
+#include "finders/FloppyDeviceFinder.h"
 #include "finders/MemoryDeviceFinder.h"
 #include "finders/ModemDeviceFinder.h"
 #include "finders/NetworkDeviceFinder.h"
@@ -14,6 +17,7 @@
 #include "finders/SerialPortFinder.h"
 #include "frame/CWmiInfo.h"
 #include "host/fake/FakeMachine.h"
+#include "host/fake/MachineDirectory.h"
 #include "host/models/Models.h"
 #include "platform/smbios/SmbiosException.h"
 #include "platform/smbios/SmbiosFactory.h"
@@ -33,11 +37,13 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <linux/fd.h>
 #include <scsi/sg.h>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace Vantrel::Ostrand;
@@ -112,6 +118,25 @@ SmbiosBuilder twoModules()
     return smbios;
 }
 
+// A board with an ISA bridge and a USB controller, and the floppy finder's
+// records on it.
+std::vector<IWbemClassObject> floppies()
+{
+    PCIUtil pci;
+    pci.initPciUtil();
+    FloppyDeviceFinder finder;
+    std::vector<IWbemClassObject> records;
+    finder.getAllObjects(&pci, records);
+    return records;
+}
+
+void floppyBoard(host::FakeMachine& machine)
+{
+    ostrand_test::addPciLines(
+        machine, {{"00:01.0", "0601", "8086", "7000", "ISA bridge", "Intel Corporation", "PIIX3 ISA"},
+                  {"00:1d.7", "0c03", "8086", "24cd", "USB controller", "Intel Corporation", "EHCI"}});
+}
+
 // Installs a table (as it is, perhaps broken) with a 3.x entry point, which
 // has no structure count: the bytes alone decide where the walk ends.
 void installTable(host::FakeMachine& machine, const SmbiosBuilder& builder, const std::string& table)
@@ -146,6 +171,28 @@ ostrand_test::SysfsTree& sysfsOf(host::FakeMachine& machine)
     g_sysfs = std::make_unique<ostrand_test::SysfsTree>();
     machine.setSysfs(g_sysfs->root());
     return *g_sysfs;
+}
+
+// A folder of machine directories for a row: `files` maps paths relative to
+// it to their text. Gives the folder.
+std::string machineFolders(const std::vector<std::pair<std::string, std::string>>& files)
+{
+    g_sysfs = std::make_unique<ostrand_test::SysfsTree>();
+    for (const auto& file : files) {
+        g_sysfs->file(file.first, file.second);
+    }
+    return g_sysfs->root();
+}
+
+// The message of the error that loading a machine directory throws.
+std::string loadError(const std::string& directory)
+{
+    try {
+        host::loadMachine(directory);
+    } catch (const host::MachineDirectoryError& e) {
+        return e.what();
+    }
+    return "<loaded>";
 }
 
 struct Row {
@@ -928,6 +975,121 @@ const Row kRows[] = {
          EXPECT_EQ(machine.semaphoreValue(SCSI_GENERIC_SEM_KEY), 1);
      }},
 
+    {"IncludeCycleThroughAnotherMachine",
+     [](host::FakeMachine&) {},
+     [](host::FakeMachine&) {
+         std::string root = machineFolders({{"a/machine", "uname 6.1.0 x86_64\ninclude ../b\n"},
+                                            {"b/machine", "# b includes a\ninclude ../a\n"}});
+         EXPECT_EQ(loadError(root + "/a"), "machine " + root + "/b, line 2: include cycle: ../a is being loaded already");
+     }},
+
+    {"IncludeOfItself",
+     [](host::FakeMachine&) {},
+     [](host::FakeMachine&) {
+         std::string root = machineFolders({{"a/machine", "include .\n"}, {"b/machine", "\n\ninclude machine\n"}});
+         EXPECT_EQ(loadError(root + "/a"), "machine " + root + "/a, line 1: include cycle: . is being loaded already");
+         EXPECT_EQ(loadError(root + "/b"),
+                   "machine " + root + "/b, line 3: include cycle: machine is being loaded already");
+     }},
+
+    {"IncludeOfAMissingMachine",
+     [](host::FakeMachine&) {},
+     [](host::FakeMachine&) {
+         std::string root = machineFolders({{"a/machine", "uname 6.1.0 x86_64\n\ninclude ../nowhere\n"},
+                                            {"b/machine", "include ../c\n"},
+                                            {"c/data.txt", "no machine file here\n"},
+                                            {"d/machine", "include\n"}});
+         EXPECT_EQ(loadError(root + "/a"), "machine " + root + "/a, line 3: cannot read included machine ../nowhere");
+         EXPECT_EQ(loadError(root + "/b"), "machine " + root + "/b, line 1: cannot read included machine ../c");
+         EXPECT_EQ(loadError(root + "/d"), "machine " + root + "/d, line 1: expected: include PATH");
+     }},
+
+    {"BadLineInAnIncludedFile",
+     // The message names the included file and its own line.
+     [](host::FakeMachine&) {},
+     [](host::FakeMachine&) {
+         std::string root = machineFolders({{"a/machine", "# a\ninclude ../common/base.machine\n"},
+                                            {"common/base.machine", "uname 6.1.0 x86_64\nfrobnicate /dev/x\n"},
+                                            {"b/machine", "include ../c\n"},
+                                            {"c/machine", "uname 6.1.0 x86_64\nfile /etc/x missing.txt\n"}});
+         EXPECT_EQ(loadError(root + "/a"),
+                   "machine " + root + "/common/base.machine, line 2: unknown directive 'frobnicate'");
+         EXPECT_EQ(loadError(root + "/b"), "machine " + root + "/c, line 2: cannot read data file missing.txt");
+     }},
+
+    {"FloppyNodesThatAreNoFloppyNodes",
+     // fd-named entries: a node that answers no ioctl, a regular file, a
+     // drive that answers its state but refuses its type, and a link.
+     [](host::FakeMachine& machine) {
+         floppyBoard(machine);
+         machine.addNode("/dev/fd0", 'b', nullptr);
+         machine.addFile("/dev/fd1", "floppy");
+         auto refusing = std::make_shared<host::FloppyModel>("H1440", host::FloppyState());
+         refusing->refuse(FDGETDRVTYP, EIO);
+         machine.addNode("/dev/fd2", 'b', refusing);
+         machine.addLink("/dev/fd", "/proc/self/fd");
+     },
+     [](host::FakeMachine& machine) {
+         EXPECT_TRUE(floppies().empty());
+         // The link is not counted: three entries, three node numbers.
+         Fields opened;
+         for (const auto& path : machine.opens()) {
+             if (path.compare(0, 7, "/dev/fd") == 0) {
+                 opened.push_back(path);
+             }
+         }
+         EXPECT_EQ(opened, (Fields{"/dev/fd0", "/dev/fd1", "/dev/fd2"}));
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"FloppyDriveTypeThatFillsItsBuffer",
+     // A type name of 16 characters and more comes without a terminator.
+     [](host::FakeMachine& machine) {
+         floppyBoard(machine);
+         host::FloppyState state;
+         state.track = 0;
+         machine.addNode("/dev/fd0", 'b', std::make_shared<host::FloppyModel>(std::string(40, 'H'), state));
+     },
+     [](host::FakeMachine& machine) {
+         std::vector<IWbemClassObject> records = floppies();
+         ASSERT_EQ(records.size(), 1u);
+         EXPECT_EQ(field(records[0], "DeviceLocation"), "Floppy Drive 1");
+         EXPECT_TRUE(machine.openDescriptors().empty());
+     }},
+
+    {"DiskNodesThatAreNoScsiDisks",
+     // sd-named entries: a node that answers nothing, a regular file, a block
+     // node whose address has no sg node, and one whose sg disk answers
+     // garbage (a capacity that reads as negative passes; its adapter text
+     // of 0xFF bytes says neither IDE nor USB).
+     [](host::FakeMachine& machine) {
+         floppyBoard(machine);
+         machine.addNode("/dev/sda", 'b', nullptr);
+         machine.addFile("/dev/sdb", "disk");
+         host::ScsiAddress lonely;
+         lonely.host = 9;
+         machine.addNode("/dev/sdc", 'b', std::make_shared<host::ScsiBlockModel>(lonely));
+         host::ScsiAddress garbled;
+         garbled.host = 7;
+         machine.addNode("/dev/sdd", 'b', std::make_shared<host::ScsiBlockModel>(garbled));
+         auto sg = ostrand_test::addSgNode(machine, "/dev/sg0", 7, 0, 0, 0, 0);
+         host::SgReply garbage;
+         garbage.status = 0xFF;
+         garbage.sense = std::string(300, '\xFF');
+         garbage.senseLength = 255;
+         garbage.data = "\xFF\xFF\xFF";
+         sg->addReply(0x25, garbage);
+         sg->addReply(0x12, garbage);
+         sg->setProbeHost(std::string(1000, '\xFF'));
+     },
+     [](host::FakeMachine& machine) {
+         EXPECT_TRUE(floppies().empty());
+         EXPECT_EQ(machine.ioctlNames("/dev/sg0"),
+                   (Fields{"SG_GET_SCSI_ID", "SG_IO READ CAPACITY", "SG_EMULATED_HOST", "SCSI_IOCTL_PROBE_HOST"}));
+         EXPECT_TRUE(machine.openDescriptors().empty());
+         EXPECT_EQ(machine.semaphoreValue(SCSI_GENERIC_SEM_KEY), 1);
+     }},
+
     {"OpticalNodesThatAreNoDevices",
      // hd and sr names for files, folders, links and nodes that answer nothing.
      [](host::FakeMachine& machine) {
@@ -991,6 +1153,39 @@ const Row kRows[] = {
          finder.getCDDevNode(prefix);
          EXPECT_STREQ(prefix, "scd");
          EXPECT_EQ(enumerate(finder).size(), 1u);
+         EXPECT_EQ(machine.openStreams(), 0u);
+     }},
+
+    {"UsbFloppyLookupWithoutItsTools",
+     // A 2.6 kernel with no find, dirname, basename or cat: every tool line
+     // is the shell's complaint, and the lookup reads paths out of them.
+     [](host::FakeMachine& machine) {
+         floppyBoard(machine);
+         machine.setUname("2.6.16.60-0.21-smp", "x86_64");
+         host::ScsiAddress address;
+         address.host = 5;
+         machine.addNode("/dev/sdb", 'b', std::make_shared<host::ScsiBlockModel>(address));
+         auto sg = ostrand_test::addSgNode(machine, "/dev/sg4", 5, 0, 0, 0, 0);
+         sg->setProbeHost("SCSI emulation for USB Mass Storage devices");
+         sg->addReply(0x25, host::SgReply::check(2, 0x3A));
+     },
+     [](host::FakeMachine& machine) {
+         std::vector<IWbemClassObject> records = floppies();
+         ASSERT_EQ(records.size(), 1u);
+         // The interface's "name" is the complaint of basename: no "-", so
+         // its "ports" are "sh"; the "address" is read from behind the
+         // complaint of dirname, whose " c" reads as device 12.
+         EXPECT_EQ(field(records[0], "DeviceLocation"), "Port s, Device 000");
+         EXPECT_EQ(field(records[0], "DeviceParentLocation"),
+                   "System Board!PCI Bus 0!PCI Bus 0, Device 12, Function 0");
+         EXPECT_EQ(field(records[0], "DeviceresourceTag"), "PCI Bus 0, Device 12, Function ");
+         const std::vector<std::string>& commands = machine.commands();
+         ASSERT_EQ(commands.size(), 10u);
+         EXPECT_EQ(Fields(commands.begin() + 5, commands.end()),
+                   (Fields{"find /sys/devices/pci0000:00/ -name host5", "dirname sh: find: command not found",
+                           "basename sh: dirname: command not found", "dirname sh: dirname: command not found",
+                           "cat sh: dirname: command not found/devnum > /dev/null 2>&1"}));
+         EXPECT_TRUE(machine.openDescriptors().empty());
          EXPECT_EQ(machine.openStreams(), 0u);
      }},
 };

@@ -1,6 +1,7 @@
 #include "tools/Enumeration.h"
 
 #include "finders/CDDVDDeviceFinder.h"
+#include "finders/FloppyDeviceFinder.h"
 #include "finders/MemoryDeviceFinder.h"
 #include "finders/ModemDeviceFinder.h"
 #include "finders/NetworkDeviceFinder.h"
@@ -26,7 +27,8 @@ const std::array<const char*, 13> kKeys = {
 
 namespace {
 
-const std::vector<std::string> kClasses = {"pci", "network", "memory", "serial", "parallel", "modem", "rac", "cddvd"};
+const std::vector<std::string> kClasses = {"pci",      "network", "memory", "serial", "parallel",
+                                           "modem",    "rac",     "floppy", "cddvd"};
 
 std::unique_ptr<IDeviceFinder> makeFinder(const std::string& name)
 {
@@ -37,6 +39,7 @@ std::unique_ptr<IDeviceFinder> makeFinder(const std::string& name)
     if (name == "parallel") return std::make_unique<ParallelPortFinder>();
     if (name == "modem") return std::make_unique<ModemDeviceFinder>();
     if (name == "rac") return std::make_unique<RACDeviceFinder>();
+    if (name == "floppy") return std::make_unique<FloppyDeviceFinder>();
     if (name == "cddvd") return std::make_unique<CDDVDDeviceFinder>();
     return nullptr;
 }
@@ -45,9 +48,11 @@ std::string whatItDoes(const std::string& name)
 {
     if (name == "modem") return "modem: speaking AT to the serial ports (about 10 s a port)";
     if (name == "pci") return "pci: reading the inventory";
-    // The finder's constructor scans the sg nodes: it waits while another
-    // finder or process holds their lock, and pauses 10 s when there is none.
-    if (name == "cddvd") return "cddvd: waiting for the sg lock, scanning the sg nodes (a 10 s pause if there are none)";
+    // These finders' constructors scan the sg nodes: they wait while another
+    // finder or process holds their lock, and pause 10 s when there is none.
+    if (name == "cddvd" || name == "floppy") {
+        return name + ": waiting for the sg lock, scanning the sg nodes (a 10 s pause if there are none)";
+    }
     return name + ": looking";
 }
 

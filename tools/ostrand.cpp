@@ -3,8 +3,10 @@
 //
 //   ostrand list [--class CLASS] [--machine DIR] [--json]
 //   ostrand tree [--class CLASS] [--machine DIR]
+//   ostrand usb [--machine DIR] [--json]
 #include "tools/Enumeration.h"
 #include "tools/Output.h"
+#include "tools/UsbReport.h"
 
 #include "host/fake/MachineDirectory.h"
 
@@ -51,7 +53,8 @@ int main(int argc, char** argv)
     bool verbose = false;
 
     auto addCommon = [&](CLI::App* command) {
-        command->add_option("--class,-c", className, "pci, network, memory, serial, parallel, modem, rac, cddvd or all");
+        command->add_option("--class,-c", className,
+                            "pci, network, memory, serial, parallel, modem, rac, floppy, cddvd or all");
         command->add_option("--machine,-m", machineDir, "a machine kept as data in this directory (default: live)");
         command->add_flag("--verbose,-v", verbose, "say on stderr why a finder gave nothing");
     };
@@ -60,6 +63,9 @@ int main(int argc, char** argv)
     list->add_flag("--json", json, "JSON: one object per record");
     CLI::App* tree = app.add_subcommand("tree", "the location tree, System Board at the root");
     addCommon(tree);
+    CLI::App* usb = app.add_subcommand("usb", "the USB tree with the state of every hub port");
+    usb->add_option("--machine,-m", machineDir, "a machine kept as data in this directory (default: live)");
+    usb->add_flag("--json", json, "JSON: every field of every record, and the port states");
 
     try {
         app.parse(argc, argv);
@@ -84,6 +90,25 @@ int main(int argc, char** argv)
             return badUse(oneLine(e.what()));
         }
         Vantrel::Ostrand::host::use(fake.get());
+    }
+
+    if (usb->parsed()) {
+        UsbReport report = readUsb();
+        Vantrel::Ostrand::host::use(nullptr);
+        if (json) {
+            printUsbJson(std::cout, report);
+        } else {
+            printUsbTree(std::cout, report);
+        }
+        if (!report.error.empty()) {
+            std::cerr << "ostrand: " << oneLine(report.error) << "\n";
+            return 1;
+        }
+        if (!report.walked) {
+            std::cerr << "ostrand: no USB tree to walk (no USB controller, a kernel before 2.6, or no USB devices in "
+                         "sysfs)\n";
+        }
+        return 0;
     }
 
     Progress progress(::isatty(STDERR_FILENO) == 1);

@@ -275,8 +275,8 @@ int UsbIoctls::checkforOCState(const std::string& hubPath, const int& port, usbd
     if (deviceStatus != 0 && deviceStatus != 6) {
         return 2;
     }
-    // 7.
-    errno = 0;
+    // 7. errno is not cleared first: step 8 reads what the status request
+    //    left in it.
     int node = host::open(devicePath.c_str(), O_RDWR | O_NONBLOCK);
     if (node < 0) {
         return errno;

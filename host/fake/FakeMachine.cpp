@@ -1,6 +1,7 @@
 #include "host/fake/FakeMachine.h"
 
 #include "host/fake/FakeSysfs.h"
+#include "host/fake/ShellTools.h"
 #include "host/models/FileModel.h"
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <stdexcept>
 #include <sys/mman.h>
 
 namespace Vantrel {
@@ -43,6 +45,16 @@ FakeMachine::~FakeMachine()
 void FakeMachine::addCommand(const std::string& commandLine, const std::string& output)
 {
     m_outputs[commandLine] = output;
+}
+
+void FakeMachine::addTools(const std::vector<std::string>& names)
+{
+    for (const auto& name : names) {
+        if (shellToolNames().count(name) == 0) {
+            throw std::invalid_argument("no such tool: " + name);
+        }
+    }
+    m_tools.insert(names.begin(), names.end());
 }
 
 void FakeMachine::addFile(const std::string& path, const std::string& bytes)
@@ -122,8 +134,14 @@ FILE* FakeMachine::popen(const char* command, const char* mode)
     m_commands.push_back(line);
     std::string output;
     auto it = m_outputs.find(line);
+    ShellRun run;
     if (it != m_outputs.end()) {
         output = it->second;
+    } else if (runShellTools(*this, m_tools, line, run)) {
+        output = run.output;
+        if (!run.errors.empty()) {
+            m_shellErrors.push_back(run.errors);
+        }
     } else {
         std::string word = line.substr(0, line.find(' '));
         output = m_missingCommand;

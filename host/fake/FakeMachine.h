@@ -16,6 +16,7 @@
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,13 @@ public:
     // What the shell prints for a command line with no entry; %s is its
     // first word. The default is bash's "sh: %s: command not found\n".
     void setMissingCommandText(const std::string& text) { m_missingCommand = text; }
+    const std::string& missingCommandText() const { return m_missingCommand; }
+    // Tools (grep, find, dirname, basename, cat) that answer a command line
+    // from the machine's own files when no exact entry matches it
+    // (host/fake/ShellTools.h). Throws std::invalid_argument for a name that
+    // is none of them.
+    void addTools(const std::vector<std::string>& names);
+    const std::set<std::string>& tools() const { return m_tools; }
     // Entries of the file system. Parent directories are implied.
     void addFile(const std::string& path, const std::string& bytes);
     void addDirectory(const std::string& path);
@@ -63,14 +71,19 @@ public:
     void refuseMounts(int error) { m_mountError = error; }
     // Makes gettimeofday fail with the errno value (0: it answers from the clock).
     void refuseTimeOfDay(int error) { m_timeOfDayError = error; }
+    const std::string& sysfsFolder() const { return m_sysfs; }
     // The model of a path, or null.
     std::shared_ptr<DeviceModel> model(const std::string& path) const;
+    const FakeFileTree& fileTree() const { return m_tree; }
     FakeSemaphores& semaphores() { return m_semaphores; }
 
     // --- Record ----------------------------------------------------------
     const std::vector<std::string>& commands() const { return m_commands; }
     // How often this exact command line was run.
     int timesRun(const std::string& commandLine) const;
+    // What the tools wrote to the shell's standard error, which popen does
+    // not capture: one entry for each command line that wrote any.
+    const std::vector<std::string>& shellErrors() const { return m_shellErrors; }
     const std::vector<std::string>& opens() const { return m_opens; }
     const std::vector<IoctlRecord>& ioctls() const { return m_ioctls; }
     // The names of the ioctls made on one path, in order.
@@ -133,6 +146,7 @@ private:
 
     std::map<std::string, std::string> m_outputs;
     std::string m_missingCommand;
+    std::set<std::string> m_tools;
     FakeFileTree m_tree;
     std::string m_release = "6.1.0-56-amd64";
     std::string m_machine = "x86_64";
@@ -149,6 +163,7 @@ private:
     FakeSemaphores m_semaphores;
 
     std::vector<std::string> m_commands;
+    std::vector<std::string> m_shellErrors;
     std::vector<std::string> m_opens;
     std::vector<IoctlRecord> m_ioctls;
     std::vector<WriteRecord> m_writes;

@@ -1,12 +1,16 @@
 #include "host/fake/MachineDirectory.h"
 
+#include "host/fake/ShellTools.h"
 #include "host/models/Models.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <cstdlib>
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <stdexcept>
 #include <sys/stat.h>
 
 namespace Vantrel {
@@ -90,7 +94,8 @@ std::string Directive::folder(const std::string& relativePath) const
 
 void Directive::fail(const std::string& message) const
 {
-    throw MachineDirectoryError("machine " + directory + ", line " + std::to_string(lineNumber) + ": " + message);
+    throw MachineDirectoryError("machine " + (file.empty() ? directory : file) + ", line " +
+                                std::to_string(lineNumber) + ": " + message);
 }
 
 void needWords(const Directive& d, size_t count, const char* usage)
@@ -115,6 +120,19 @@ std::map<std::string, DirectiveHandler> coreDirectives()
          [](FakeMachine& m, const Directive& d) {
              needWords(d, 3, "run DATAFILE|- COMMAND LINE");
              m.addCommand(d.rest(2), d.data(d.words[1]));
+         }},
+        {"tools",
+         [](FakeMachine& m, const Directive& d) {
+             needWords(d, 2, "tools NAME...");
+             try {
+                 m.addTools(std::vector<std::string>(d.words.begin() + 1, d.words.end()));
+             } catch (const std::invalid_argument& e) {
+                 std::string known;
+                 for (const auto& name : shellToolNames()) {
+                     known += " " + name;
+                 }
+                 d.fail(std::string(e.what()) + "; the tools are" + known);
+             }
          }},
         {"missing-command",
          [](FakeMachine& m, const Directive& d) { m.setMissingCommandText(unescape(d.rest(1))); }},
@@ -199,7 +217,45 @@ int errnoByName(const Directive& d, const std::string& name)
     return error;
 }
 
-void loadMachineText(FakeMachine& machine, const std::string& text, const std::string& directory)
+namespace {
+
+void loadLines(FakeMachine& machine, const std::string& text, const std::string& directory, const std::string& file,
+               std::vector<std::string>& loading);
+
+// `include PATH`: a machine file, or a machine directory's `machine`, named
+// relative to the including file's directory. Its lines run in place, data
+// files relative to its own directory; lines after the include override it
+// where a directive replaces (uname, run, file, sysfs, a node).
+void include(FakeMachine& machine, const Directive& d, std::vector<std::string>& loading)
+{
+    needWords(d, 2, "include PATH");
+    namespace fs = std::filesystem;
+    fs::path named = d.words[1];
+    fs::path path = (named.is_absolute() ? named : fs::path(d.directory) / named).lexically_normal();
+    std::error_code error;
+    bool isDirectory = fs::is_directory(path, error);
+    fs::path machineFile = isDirectory ? path / "machine" : path;
+    std::string canonical = fs::canonical(machineFile, error).string();
+    if (error || fs::is_directory(machineFile)) {
+        d.fail("cannot read included machine " + d.words[1]);
+    }
+    if (std::find(loading.begin(), loading.end(), canonical) != loading.end()) {
+        d.fail("include cycle: " + d.words[1] + " is being loaded already");
+    }
+    std::ifstream in(machineFile);
+    if (!in) {
+        d.fail("cannot read included machine " + d.words[1]);
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+    std::string pathText = (isDirectory ? path : path.parent_path()).string();
+    loading.push_back(canonical);
+    loadLines(machine, text.str(), pathText, isDirectory ? "" : path.string(), loading);
+    loading.pop_back();
+}
+
+void loadLines(FakeMachine& machine, const std::string& text, const std::string& directory, const std::string& file,
+               std::vector<std::string>& loading)
 {
     std::istringstream lines(text);
     std::string line;
@@ -209,7 +265,7 @@ void loadMachineText(FakeMachine& machine, const std::string& text, const std::s
         if (!line.empty() && line.back() == '\r') {
             line.pop_back();
         }
-        Directive d{directory, number, {}, line};
+        Directive d{directory, number, {}, line, file};
         std::istringstream words(line);
         std::string word;
         while (words >> word) {
@@ -218,12 +274,24 @@ void loadMachineText(FakeMachine& machine, const std::string& text, const std::s
         if (d.words.empty() || d.words[0][0] == '#') {
             continue;
         }
+        if (d.words[0] == "include") {
+            include(machine, d, loading);
+            continue;
+        }
         auto it = handlers().find(d.words[0]);
         if (it == handlers().end()) {
             d.fail("unknown directive '" + d.words[0] + "'");
         }
         it->second(machine, d);
     }
+}
+
+} // namespace
+
+void loadMachineText(FakeMachine& machine, const std::string& text, const std::string& directory)
+{
+    std::vector<std::string> loading;
+    loadLines(machine, text, directory, "", loading);
 }
 
 std::unique_ptr<FakeMachine> loadMachine(const std::string& directory)
@@ -239,7 +307,9 @@ std::unique_ptr<FakeMachine> loadMachine(const std::string& directory)
     std::ostringstream text;
     text << in.rdbuf();
     auto machine = std::make_unique<FakeMachine>();
-    loadMachineText(*machine, text.str(), directory);
+    std::error_code error;
+    std::vector<std::string> loading{std::filesystem::canonical(directory + "/machine", error).string()};
+    loadLines(*machine, text.str(), directory, "", loading);
     return machine;
 }
 

@@ -29,6 +29,9 @@ struct Directive {
     int lineNumber;
     std::vector<std::string> words;
     std::string line;
+    // The file the line is in, as messages name it: empty for a file named
+    // `machine` in `directory` (the directory names it), else its path.
+    std::string file;
     std::string rest(size_t word) const;
     // The bytes of a data file named relative to the machine's directory.
     std::string data(const std::string& relativePath) const;
@@ -54,6 +57,7 @@ int errnoByName(const Directive& d, const std::string& name);
 // Loads the machine of a directory. Throws MachineDirectoryError.
 std::unique_ptr<FakeMachine> loadMachine(const std::string& directory);
 // Fills a machine from directive text, data files relative to `directory`.
+// `include` lines load other machine files into the same machine, in place.
 void loadMachineText(FakeMachine& machine, const std::string& text, const std::string& directory);
 
 // The bytes of a file, or throws MachineDirectoryError.

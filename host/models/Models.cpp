@@ -319,10 +319,10 @@ void loadScsiBlock(FakeMachine& m, const Directive& d)
 {
     needWords(d, 2, "scsi-block PATH host=N channel=N id=N lun=N [unique-id=N] [identity=DATAFILE]");
     ScsiAddress address;
-    address.host = static_cast<int>(d.number("host", 0));
-    address.channel = static_cast<int>(d.number("channel", 0));
-    address.id = static_cast<int>(d.number("id", 0));
-    address.lun = static_cast<int>(d.number("lun", 0));
+    address.host = static_cast<int>(numberText(d, "host", d.option("host", "0"), 0, 255));
+    address.channel = static_cast<int>(numberText(d, "channel", d.option("channel", "0"), 0, 255));
+    address.id = static_cast<int>(numberText(d, "id", d.option("id", "0"), 0, 255));
+    address.lun = static_cast<int>(numberText(d, "lun", d.option("lun", "0"), 0, 255));
     auto model = std::make_shared<ScsiBlockModel>(address, static_cast<int>(d.number("unique-id", 0)));
     loadIdentity(*model, d);
     m.addNode(d.words[1], 'b', model);
@@ -338,6 +338,23 @@ void loadScsiBlockPci(FakeMachine& m, const Directive& d)
     model->setPci(unescape(d.rest(2)));
 }
 
+// --- Floppy drives ------------------------------------------------------------------
+
+void loadFloppy(FakeMachine& m, const Directive& d)
+{
+    needWords(d, 3, "floppy PATH type=NAME [track=N] [flags=N] [maxblock=N] [maxtrack=N]");
+    std::string type = d.option("type", "");
+    if (type.empty()) {
+        d.fail("'type' names the drive type (H1440, or (null) for no drive)");
+    }
+    FloppyState state;
+    state.flags = static_cast<unsigned long>(d.number("flags", 0));
+    state.track = static_cast<short>(numberText(d, "track", d.option("track", "0"), -32768, 32767));
+    state.maxblock = static_cast<short>(numberText(d, "maxblock", d.option("maxblock", "0"), -32768, 32767));
+    state.maxtrack = static_cast<short>(numberText(d, "maxtrack", d.option("maxtrack", "0"), -32768, 32767));
+    m.addNode(d.words[1], 'b', std::make_shared<FloppyModel>(type, state));
+}
+
 } // namespace
 
 const std::vector<ModelDirective>& modelDirectives()
@@ -351,6 +368,7 @@ const std::vector<ModelDirective>& modelDirectives()
         {"sg-pci", loadSgPci},
         {"sg-inquiry", loadSgInquiry},
         {"sg-reply", loadSgReply},
+        {"floppy", loadFloppy},
         {"ide", loadIde},
         {"ide-inquiry", loadIdeInquiry},
         {"ide-packet", loadIdePacket},

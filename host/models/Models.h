@@ -5,12 +5,14 @@
 #include "host/fake/MachineDirectory.h"
 #include "host/models/DeviceModel.h"
 #include "host/models/FileModel.h"
+#include "host/models/FloppyModel.h"
 #include "host/models/IdeModel.h"
 #include "host/models/MemoryModel.h"
 #include "host/models/ModemScript.h"
 #include "host/models/ScsiBlockModel.h"
 #include "host/models/SerialModel.h"
 #include "host/models/UsbfsModel.h"
+#include "host/models/ScsiBlockModel.h"
 #include "host/models/SgModel.h"
 
 #include <vector>

@@ -9,6 +9,13 @@ namespace Vantrel {
 namespace Ostrand {
 namespace host {
 
+unsigned int packedScsiId(const ScsiAddress& address)
+{
+    return (static_cast<unsigned int>(address.id) & 0xFF) | ((static_cast<unsigned int>(address.lun) & 0xFF) << 8) |
+           ((static_cast<unsigned int>(address.channel) & 0xFF) << 16) |
+           ((static_cast<unsigned int>(address.host) & 0xFF) << 24);
+}
+
 ScsiBlockModel::ScsiBlockModel(const ScsiAddress& address, int uniqueId) : m_address(address), m_uniqueId(uniqueId)
 {
     answer(SCSI_IOCTL_GET_IDLUN, "SCSI_IOCTL_GET_IDLUN",
@@ -23,18 +30,13 @@ void ScsiBlockModel::setPci(const std::string& text)
     m_hasPci = true;
 }
 
-// As the kernel packs it: target, LUN, channel and host, a byte each from the
-// low end; then the host's unique id.
+// Two ints: dev_id, then the host's unique id.
 int ScsiBlockModel::getIdLun(void* argument) const
 {
     if (argument == nullptr) {
         return -EFAULT;
     }
-    unsigned int devId = (static_cast<unsigned int>(m_address.id) & 0xFF) |
-                         ((static_cast<unsigned int>(m_address.lun) & 0xFF) << 8) |
-                         ((static_cast<unsigned int>(m_address.channel) & 0xFF) << 16) |
-                         ((static_cast<unsigned int>(m_address.host) & 0xFF) << 24);
-    int words[2] = {static_cast<int>(devId), m_uniqueId};
+    int words[2] = {static_cast<int>(packedScsiId(m_address)), m_uniqueId};
     std::memcpy(argument, words, sizeof words);
     return 0;
 }

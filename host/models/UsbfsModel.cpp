@@ -132,7 +132,10 @@ int UsbfsModel::control(void* argument, IoctlRecord& event)
         return -error;
     }
     std::string bytes;
-    if (!reply(transfer, bytes)) {
+    auto replaced = m_replies.find(event.name);
+    if (replaced != m_replies.end()) {
+        bytes = replaced->second;
+    } else if (!reply(transfer, bytes)) {
         return -EPIPE;
     }
     size_t count = std::min<size_t>(transfer.wLength, bytes.size());

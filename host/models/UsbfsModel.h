@@ -79,6 +79,10 @@ public:
     void setPortInfo(std::vector<int> devices) { m_portInfo = std::move(devices); m_hasPortInfo = true; }
     // Makes the event of that exact name fail with the errno value.
     void fail(const std::string& eventName, int error) { m_failures[eventName] = error; }
+    // Makes the control transfer of that exact event name answer these bytes
+    // (for devices that answer beyond the standard, as a 9-byte
+    // GET_INTERFACE); the kernel's checks still come first.
+    void setReply(const std::string& eventName, std::string bytes) { m_replies[eventName] = std::move(bytes); }
 
     // --- Record ----------------------------------------------------------
     const std::vector<Transfer>& transfers() const { return m_transfers; }
@@ -111,6 +115,7 @@ private:
     std::vector<int> m_portInfo;
     bool m_hasPortInfo = false;
     std::map<std::string, int> m_failures;
+    std::map<std::string, std::string> m_replies;
 
     std::vector<Transfer> m_transfers;
     std::vector<int> m_openFlags;
