@@ -8,10 +8,13 @@
 #include "probes/LinuxUtils.h"
 #include "probes/SCSIGeneric.h"
 #include "probes/ScsiData.h"
+#include "usb/USBDeviceFinder.h"
+#include "usb/Usb_Device.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <scsi/scsi.h>
 #include <sys/utsname.h>
 
@@ -238,10 +241,6 @@ bool CDDVDDeviceFinder::getUSBCDLoc_ParentLoc(const int& usbNumber, const int& f
                                               std::string& parentLocation, std::string& serial,
                                               std::string& additionalInfo, std::string& resourceTag)
 {
-    (void)fd;
-    (void)serial;
-    (void)additionalInfo;
-    (void)resourceTag;
     // 1.
     struct utsname name;
     std::memset(&name, 0, sizeof name);
@@ -258,7 +257,31 @@ bool CDDVDDeviceFinder::getUSBCDLoc_ParentLoc(const int& usbNumber, const int& f
     if (std::strncmp(name.release, "2.6", 3) != 0) {
         return false;
     }
-    return false;
+
+    // 4. The USB tree, from the sg descriptor.
+    USBDeviceFinder finder(pLogFile);
+    Usb_Device* device = nullptr;
+    finder.getMyUSBInformation(&device, fd);
+
+    // 5. Not found: the board as the parent, and the record all the same.
+    if (device == nullptr) {
+        parentLocation = "";
+        parentLocation = "System Board";
+        return false;
+    }
+
+    // The record is ours and nothing reads it after this call: released
+    // here, also when the cut below throws.
+    std::unique_ptr<Usb_Device> record(device);
+
+    // 6. The tag is cut at a fixed place, whatever the length of the bus
+    //    number; a parent location shorter than that throws std::out_of_range.
+    location = record->location;
+    parentLocation = record->parentLocation;
+    additionalInfo += ", " + record->addlHWInfo;
+    serial = record->serialNo;
+    resourceTag = parentLocation.substr(23, 32);
+    return true;
 }
 
 } // namespace Ostrand

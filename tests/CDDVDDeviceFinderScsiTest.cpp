@@ -20,6 +20,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <scsi/sg.h>
+#include <stdexcept>
 
 using namespace Vantrel::Ostrand;
 using host::SgModel;
@@ -665,4 +666,123 @@ TEST_F(CDDVDScsiTest, TheUsbFieldsOnA3KernelAreNotWritten)
     std::string location = "l", parent = "p", serial = "s", info = "i", tag = "t";
     EXPECT_FALSE(cd.getUSBCDLoc_ParentLoc(1, -1, location, parent, serial, info, tag));
     EXPECT_EQ(location + parent + serial + info + tag, "lpsit");
+}
+
+// --- USB hosts on a 2.6 kernel: the USB storage location --------------------------------
+
+namespace {
+
+// The lab server under the 2.6 personality, its USB CD-ROM drive's adapter
+// named as usb-storage named itself on 2.6 kernels (the lab's 6.1 kernel says
+// "usb-storage 1-1:1.0", which holds no "USB" in capitals).
+std::unique_ptr<host::FakeMachine> labServer26WithUsbHost()
+{
+    auto machine = host::loadMachine(std::string(OSTRAND_SOURCE_DIR) + "/samples/lab-server-2.6");
+    std::dynamic_pointer_cast<SgModel>(machine->model("/dev/sg3"))
+        ->setProbeHost("SCSI emulation for USB Mass Storage devices");
+    return machine;
+}
+
+const char* const kFindHost4 = "find /sys/devices/pci0000:00/ -name host4";
+
+Records labRecords(host::FakeMachine& machine, CDDVDDeviceFinder* finder = nullptr)
+{
+    host::ScopedMachine scope{machine};
+    PCIUtil pci;
+    pci.initPciUtil();
+    std::unique_ptr<CDDVDDeviceFinder> own;
+    if (finder == nullptr) {
+        own = std::make_unique<CDDVDDeviceFinder>();
+        finder = own.get();
+    }
+    std::vector<IWbemClassObject> objects;
+    finder->getAllObjects(&pci, objects);
+    return recordsOf(objects);
+}
+
+} // namespace
+
+TEST(CDDVDUsbLocationTest, AUsbDriveOnA26KernelIsPlacedInTheUsbTree)
+{
+    auto machine = labServer26WithUsbHost();
+    // Where a 2.6 kernel's sysfs has the host: the one folder of that name.
+    machine->addCommand(kFindHost4, "/sys/devices/pci0000:00/0000:00:04.0/usb1/1-1/1-1:1.0/host4\n");
+    Records records = labRecords(*machine);
+    ASSERT_EQ(records.size(), 3u);
+    // The tag is 32 characters of the parent from position 23; the serial,
+    // release, power and power source are the USB device's own (sysfs).
+    EXPECT_EQ(records[2], (Record{{"LABUSB USB CD-ROM", "", "/dev/sr2", "CDROM", "Port 1, Device 000",
+                                   "PCI Bus 0, Device 4, Function 0",
+                                   "System Board!PCI Bus 0!PCI Bus 0, Device 4, Function 0", "CDROM", "LABUSB",
+                                   "USB CD-ROM", "1.00", "1-0000:00:04.0-1",
+                                   "/dev/sg3:/dev/sr2, Specs:2.00, Rev:, Power:0mA Self"},
+                                  0}));
+    EXPECT_EQ(records[0], labSr0());
+    EXPECT_EQ(records[1], labSr1());
+    EXPECT_EQ(machine->commands(),
+              (Names{"/sbin/lspci -n 2>&1", "/sbin/lspci -m 2>&1", "/sbin/lspci -v 2>&1", "modprobe -v sg 2>&1",
+                     kLsbRelease, "modprobe -v sg 2>&1", kFindHost4,
+                     "dirname /sys/devices/pci0000:00/0000:00:04.0/usb1/1-1/1-1:1.0/host4",
+                     "basename /sys/devices/pci0000:00/0000:00:04.0/usb1/1-1/1-1:1.0",
+                     "dirname /sys/devices/pci0000:00/0000:00:04.0/usb1/1-1/1-1:1.0",
+                     "cat /sys/devices/pci0000:00/0000:00:04.0/usb1/1-1/devnum > /dev/null 2>&1"}));
+    // The lookup closed the sg descriptor; the finder's second close failed unseen.
+    EXPECT_EQ(machine->ioctlNames("/dev/sg3"), (Names{"SG_GET_SCSI_ID", "SG_IO MODE SENSE(10)", "SG_IO INQUIRY",
+                                                      "SG_EMULATED_HOST", "SCSI_IOCTL_PROBE_HOST", "SG_GET_SCSI_ID"}));
+    EXPECT_TRUE(machine->openDescriptors().empty());
+    // Set to 1 by the lookup's own sg object inside the hold, then given back: 2.
+    EXPECT_EQ(machine->semaphoreValue(SCSI_GENERIC_SEM_KEY), 2);
+}
+
+TEST(CDDVDUsbLocationTest, OnTheLabServersOwnSysfsFindNamesTheScsiHostClassFolderLast)
+{
+    // Kernel 6.1 has a second folder named host4 below the first (its
+    // scsi_host class device), and the last line of find is taken: the
+    // "interface" is scsi_host, whose "port" is the letter s.
+    auto machine = labServer26WithUsbHost();
+    Records records = labRecords(*machine);
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_EQ(records[2].values[4], "Port s, Device 000");
+    EXPECT_EQ(records[2].values[5], "PCI Bus 0, Device 4, Function 0");
+    EXPECT_EQ(records[2].values[6], "System Board!PCI Bus 0!PCI Bus 0, Device 4, Function 0");
+    EXPECT_EQ(records[2].values[11], "");
+    EXPECT_EQ(records[2].values[12], "/dev/sg3:/dev/sr2, Specs:, Rev:, Power: Bus");
+}
+
+TEST(CDDVDUsbLocationTest, AUsbDriveThatTheLookupCannotPlaceHasTheBoardAsParentAndIsStillReported)
+{
+    auto machine = labServer26WithUsbHost();
+    host::ScopedMachine scope{*machine};
+    CDDVDDeviceFinder finder;
+    // Known to the scan, refused to the lookup.
+    std::dynamic_pointer_cast<SgModel>(machine->model("/dev/sg3"))->refuse(SG_GET_SCSI_ID, EIO);
+    Records records = labRecords(*machine, &finder);
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_EQ(records[2], (Record{{"LABUSB USB CD-ROM", "", "/dev/sr2", "CDROM", "", "", "System Board", "CDROM",
+                                   "LABUSB", "USB CD-ROM", "1.00", "", "/dev/sg3:/dev/sr2"},
+                                  0}));
+    EXPECT_TRUE(machine->openDescriptors().empty());
+    EXPECT_EQ(machine->timesRun(kFindHost4), 0);
+}
+
+TEST(CDDVDUsbLocationTest, AHostThatFindCannotFindThrowsWithTheSemaphoreHeldAndBothDescriptorsOpen)
+{
+    auto machine = labServer26WithUsbHost();
+    machine->addCommand(kFindHost4, "");
+    host::ScopedMachine scope{*machine};
+    PCIUtil pci;
+    pci.initPciUtil();
+    CDDVDDeviceFinder finder;
+    std::vector<IWbemClassObject> objects;
+    try {
+        finder.getAllObjects(&pci, objects);
+        FAIL() << "no exception";
+    } catch (const std::out_of_range& e) {
+        EXPECT_NE(std::string(e.what()).find("basic_string::substr"), std::string::npos) << e.what();
+    }
+    // The records of sr0 and sr1 were made before; the vector is the caller's.
+    EXPECT_EQ(objects.size(), 2u);
+    EXPECT_EQ(machine->openDescriptors(), (Names{"/dev/sr2", "/dev/sg3"}));
+    // Reset to 1 by the lookup while held, and never given back.
+    EXPECT_EQ(machine->semaphoreValue(SCSI_GENERIC_SEM_KEY), 1);
 }
