@@ -81,7 +81,7 @@ protected:
         }
         machine.addCommand(hubLine, out);
         for (int port = 0; port < ports; ++port) {
-            char index[8];
+            char index[16];
             std::snprintf(index, sizeof index, "%02d", port);
             machine.addCommand(portLineCommand(bus, device, port),
                                grep(topology, "T:  Bus=" + bus + " Lev=...Prnt=" + device + " Port=" + index));

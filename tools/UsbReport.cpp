@@ -89,7 +89,7 @@ namespace {
 
 std::string hex4(int number)
 {
-    char text[8];
+    char text[16];
     std::snprintf(text, sizeof text, "%04x", number & 0xffff);
     return text;
 }
