@@ -1,8 +1,9 @@
 // Malformed machines, one row each: missing and broken tools, odd tool output,
 // an empty /dev/, unreadable or empty firmware areas, broken SMBIOS tables,
-// modems that flood or never stop, broken or missing sysfs trees, floppy and
-// disk nodes that are no such thing, and machine directories whose includes
-// go round or lead nowhere. Each row runs the finders it concerns (
+// modems that flood or never stop, broken or missing sysfs trees, floppy,
+// disk and optical nodes that are no such thing, identity blocks and INQUIRY
+// data cut short or without end, and machine directories whose includes go
+// round or lead nowhere. Each row runs the finders it concerns (
 // through the facade where the inventory matters) and states what they return,
 // which exception (if any) reaches the caller, and which descriptors, streams
 // and mappings are still open afterwards. Under the sanitizers each row also
