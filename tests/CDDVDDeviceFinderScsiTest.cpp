@@ -13,6 +13,7 @@
 #include "tests/support/OpticalDrives.h"
 #include "tests/support/ScsiNodes.h"
 #include "tests/support/SysfsTree.h"
+#include "usb/LsusbText.h"
 
 #include <gtest/gtest.h>
 
@@ -715,7 +716,7 @@ TEST(CDDVDUsbLocationTest, AUsbDriveOnA26KernelIsPlacedInTheUsbTree)
                                    "PCI Bus 0, Device 4, Function 0",
                                    "System Board!PCI Bus 0!PCI Bus 0, Device 4, Function 0", "CDROM", "LABUSB",
                                    "USB CD-ROM", "1.00", "1-0000:00:04.0-1",
-                                   "/dev/sg3:/dev/sr2, Specs:2.00, Rev:, Power:0mA Self"},
+                                   std::string("/dev/sg3:/dev/sr2, ") + kUsbReleaseLabel + "2.00, Rev:, Power:0mA Self"},
                                   0}));
     EXPECT_EQ(records[0], labSr0());
     EXPECT_EQ(records[1], labSr1());
@@ -746,7 +747,7 @@ TEST(CDDVDUsbLocationTest, OnTheLabServersOwnSysfsFindNamesTheScsiHostClassFolde
     EXPECT_EQ(records[2].values[5], "PCI Bus 0, Device 4, Function 0");
     EXPECT_EQ(records[2].values[6], "System Board!PCI Bus 0!PCI Bus 0, Device 4, Function 0");
     EXPECT_EQ(records[2].values[11], "");
-    EXPECT_EQ(records[2].values[12], "/dev/sg3:/dev/sr2, Specs:, Rev:, Power: Bus");
+    EXPECT_EQ(records[2].values[12], std::string("/dev/sg3:/dev/sr2, ") + kUsbReleaseLabel + ", Rev:, Power: Bus");
 }
 
 TEST(CDDVDUsbLocationTest, AUsbDriveThatTheLookupCannotPlaceHasTheBoardAsParentAndIsStillReported)
