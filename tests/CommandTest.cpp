@@ -252,4 +252,17 @@ TEST(CommandTest, UsbBadUseIsOneLineAndStatusTwo)
     EXPECT_EQ(r.out, "ostrand: machine /no/such/machine: no such directory\n");
 }
 
+// The optical and floppy drives of the samples are what the command listed
+// inside the lab guest, on kernel 6.1 and under the 2.6 personality.
+TEST(CommandTest, DrivesOfTheLabServerAreWhatTheLabListed)
+{
+    Result r = run("list --class cddvd --json --machine " + kLab);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, captured("ostrand-list-cddvd.json"));
+    r = run("list --class floppy --json --machine " + kLab);
+    EXPECT_EQ(r.out, captured("ostrand-list-floppy.json"));
+    r = run("list --class cddvd --json --machine " + kLab26);
+    EXPECT_EQ(r.out, captured("ostrand-list-cddvd-2.6.json"));
+}
+
 #endif
