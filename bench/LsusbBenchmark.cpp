@@ -39,7 +39,7 @@ std::vector<std::string> deviceBlocks(const std::string& text)
     return blocks;
 }
 
-// The captures' blocks in turn, the n-th on bus n so that every path differs.
+// The captures' blocks in turn, each on a bus of its own so that every path differs.
 std::string devicesText(int devices)
 {
     const char* const captures[] = {"lab-server/lsusb-v.txt", "lsusb/server-ibm-x3650m3-vendor0000-mouse.txt",
@@ -55,8 +55,9 @@ std::string devicesText(int devices)
     std::string text = "\n";
     for (int n = 0; n < devices; ++n) {
         std::string block = blocks[static_cast<size_t>(n) % blocks.size()];
-        char bus[16];
-        std::snprintf(bus, sizeof bus, "%03d", n + 1);
+        // "0" and two base-36 digits: a device line must begin "Bus 0".
+        const char* const digits = "0123456789abcdefghijklmnopqrstuvwxyz";
+        const char bus[3] = {'0', digits[(n + 1) / 36], digits[(n + 1) % 36]};
         block.replace(4, 3, bus, 3);
         text += block;
     }

@@ -150,15 +150,28 @@ FILE* FakeMachine::popen(const char* command, const char* mode)
             output.replace(at, 2, word);
         }
     }
-    FILE* stream = std::tmpfile();
+    FILE* stream = openText(std::move(output));
     if (stream == nullptr) {
         return nullptr;
     }
-    if (!output.empty()) {
-        std::fwrite(output.data(), 1, output.size(), stream);
-    }
-    std::rewind(stream);
     m_streams.push_back(stream);
+    return stream;
+}
+
+// The output is read from memory: a stream over a copy that lives until the
+// stream is closed. An empty output goes through a temporary file, whose
+// first read sets the end-of-file flag as a pipe's does.
+FILE* FakeMachine::openText(std::string output)
+{
+    if (output.empty()) {
+        return std::tmpfile();
+    }
+    auto text = std::make_unique<std::string>(std::move(output));
+    FILE* stream = ::fmemopen(&(*text)[0], text->size(), "r");
+    if (stream == nullptr) {
+        return nullptr;
+    }
+    m_streamTexts[stream] = std::move(text);
     return stream;
 }
 
@@ -169,7 +182,11 @@ int FakeMachine::pclose(FILE* stream)
         return fail(ECHILD);
     }
     m_streams.erase(it);
+    auto text = m_streamTexts.find(stream);
     std::fclose(stream);
+    if (text != m_streamTexts.end()) {
+        m_streamTexts.erase(text);
+    }
     return 0;
 }
 

@@ -135,6 +135,7 @@ public:
     void syslog(int priority, const char* format) override;
 
 private:
+    FILE* openText(std::string output);
     struct Descriptor {
         std::string path;
         std::shared_ptr<DeviceModel> model;
@@ -159,6 +160,7 @@ private:
     std::map<int, Descriptor> m_descriptors;
     int m_nextFd = 3;
     std::vector<FILE*> m_streams;
+    std::map<FILE*, std::unique_ptr<std::string>> m_streamTexts;
     std::map<void*, size_t> m_mappings;
     FakeSemaphores m_semaphores;
 
