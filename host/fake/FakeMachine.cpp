@@ -44,7 +44,7 @@ FakeMachine::~FakeMachine()
 
 void FakeMachine::addCommand(const std::string& commandLine, const std::string& output)
 {
-    m_outputs[commandLine] = output;
+    m_outputs[commandLine] = std::make_shared<const std::string>(output);
 }
 
 void FakeMachine::addTools(const std::vector<std::string>& names)
@@ -132,23 +132,24 @@ FILE* FakeMachine::popen(const char* command, const char* mode)
     }
     std::string line(command);
     m_commands.push_back(line);
-    std::string output;
+    std::shared_ptr<const std::string> output;
     auto it = m_outputs.find(line);
     ShellRun run;
     if (it != m_outputs.end()) {
         output = it->second;
     } else if (runShellTools(*this, m_tools, line, run)) {
-        output = run.output;
+        output = std::make_shared<const std::string>(run.output);
         if (!run.errors.empty()) {
             m_shellErrors.push_back(run.errors);
         }
     } else {
         std::string word = line.substr(0, line.find(' '));
-        output = m_missingCommand;
-        size_t at = output.find("%s");
+        std::string said = m_missingCommand;
+        size_t at = said.find("%s");
         if (at != std::string::npos) {
-            output.replace(at, 2, word);
+            said.replace(at, 2, word);
         }
+        output = std::make_shared<const std::string>(said);
     }
     FILE* stream = openText(std::move(output));
     if (stream == nullptr) {
@@ -158,20 +159,20 @@ FILE* FakeMachine::popen(const char* command, const char* mode)
     return stream;
 }
 
-// The output is read from memory: a stream over a copy that lives until the
-// stream is closed. An empty output goes through a temporary file, whose
+// The output is read from memory: a stream over the text itself, held until
+// the stream is closed. An empty output goes through a temporary file, whose
 // first read sets the end-of-file flag as a pipe's does.
-FILE* FakeMachine::openText(std::string output)
+FILE* FakeMachine::openText(std::shared_ptr<const std::string> output)
 {
-    if (output.empty()) {
+    if (output->empty()) {
         return std::tmpfile();
     }
-    auto text = std::make_unique<std::string>(std::move(output));
-    FILE* stream = ::fmemopen(&(*text)[0], text->size(), "r");
+    // A stream opened for reading never writes to its buffer.
+    FILE* stream = ::fmemopen(const_cast<char*>(output->data()), output->size(), "r");
     if (stream == nullptr) {
         return nullptr;
     }
-    m_streamTexts[stream] = std::move(text);
+    m_streamTexts[stream] = std::move(output);
     return stream;
 }
 
