@@ -1,4 +1,4 @@
-// The lsusb parser on a 50-device "lsusb -v" text made of the real
+// The lsusb parser on "lsusb -v" texts of 5 to 127 devices made of the real
 // captures' device blocks, each on a bus of its own: the whole run through
 // the tool's stream, and the scanning of the lines alone.
 #include "host/fake/FakeMachine.h"
@@ -10,6 +10,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,7 +19,8 @@ using namespace Vantrel::Ostrand;
 
 namespace {
 
-const int kDevices = 50;
+const int kFewest = 5;
+const int kMost = 127;
 
 // The device blocks of a capture: from a device line up to the next one.
 std::vector<std::string> deviceBlocks(const std::string& text)
@@ -37,8 +39,8 @@ std::vector<std::string> deviceBlocks(const std::string& text)
     return blocks;
 }
 
-// The captures' blocks in turn, the n-th on bus n so that every path differs.
-std::string fiftyDevices()
+// The captures' blocks in turn, each on a bus of its own so that every path differs.
+std::string devicesText(int devices)
 {
     const char* const captures[] = {"lab-server/lsusb-v.txt", "lsusb/server-ibm-x3650m3-vendor0000-mouse.txt",
                                     "lsusb/server-cisco-ucsc-c220m4.txt", "lsusb/server-lenovo-sr650-centos7-xcc.txt",
@@ -51,27 +53,33 @@ std::string fiftyDevices()
         }
     }
     std::string text = "\n";
-    for (int n = 0; n < kDevices; ++n) {
+    for (int n = 0; n < devices; ++n) {
         std::string block = blocks[static_cast<size_t>(n) % blocks.size()];
-        char bus[4];
-        std::snprintf(bus, sizeof bus, "%03d", n + 1);
-        block.replace(4, 3, bus);
+        // "0" and two base-36 digits: a device line must begin "Bus 0".
+        const char* const digits = "0123456789abcdefghijklmnopqrstuvwxyz";
+        const char bus[3] = {'0', digits[(n + 1) / 36], digits[(n + 1) % 36]};
+        block.replace(4, 3, bus, 3);
         text += block;
     }
     return text;
 }
 
-const std::string& text()
+const std::string& text(int devices)
 {
-    static const std::string made = fiftyDevices();
-    return made;
+    static std::map<int, std::string> made;
+    auto found = made.find(devices);
+    if (found == made.end()) {
+        found = made.emplace(devices, devicesText(devices)).first;
+    }
+    return found->second;
 }
 
 void BM_LsusbGetlsusbOutput(benchmark::State& state)
 {
+    const int kDevices = static_cast<int>(state.range(0));
     host::FakeMachine machine;
     machine.setUname("2.6.18-8.el5", "x86_64");
-    machine.addCommand("lsusb -v 2>&1", text());
+    machine.addCommand("lsusb -v 2>&1", text(kDevices));
     host::ScopedMachine scope{machine};
     size_t devices = 0;
     for (auto _ : state) {
@@ -84,20 +92,22 @@ void BM_LsusbGetlsusbOutput(benchmark::State& state)
         benchmark::DoNotOptimize(map);
     }
     if (devices != static_cast<size_t>(kDevices)) {
-        state.SkipWithError("the map does not hold 50 devices");
+        state.SkipWithError("the map does not hold every device");
     }
     state.counters["devices"] = static_cast<double>(devices);
     state.SetItemsProcessed(state.iterations() * kDevices);
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text().size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text(kDevices).size()));
+    state.SetComplexityN(kDevices);
 }
-BENCHMARK(BM_LsusbGetlsusbOutput)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LsusbGetlsusbOutput)->Arg(kFewest)->Arg(16)->Arg(50)->Arg(kMost)->Unit(benchmark::kMicrosecond)->Complexity();
 
 // The lines as the stream gives them, then only the gathering and scanning.
 void BM_LsusbScanLines(benchmark::State& state)
 {
+    const int kDevices = static_cast<int>(state.range(0));
     std::vector<std::string> lines;
     {
-        std::vector<char> bytes(text().begin(), text().end());
+        std::vector<char> bytes(text(kDevices).begin(), text(kDevices).end());
         FILE* stream = fmemopen(bytes.data(), bytes.size(), "r");
         char line[kLsusbLineSize] = {};
         while (stream != nullptr && readToolLine(stream, line)) {
@@ -124,11 +134,12 @@ void BM_LsusbScanLines(benchmark::State& state)
         benchmark::DoNotOptimize(map);
     }
     if (devices != static_cast<size_t>(kDevices)) {
-        state.SkipWithError("the map does not hold 50 devices");
+        state.SkipWithError("the map does not hold every device");
     }
     state.counters["lines"] = static_cast<double>(lines.size());
     state.SetItemsProcessed(state.iterations() * kDevices);
+    state.SetComplexityN(kDevices);
 }
-BENCHMARK(BM_LsusbScanLines)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LsusbScanLines)->Arg(kFewest)->Arg(16)->Arg(50)->Arg(kMost)->Unit(benchmark::kMicrosecond)->Complexity();
 
 } // namespace

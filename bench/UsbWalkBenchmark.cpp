@@ -121,6 +121,6 @@ void BM_UsbWalk(benchmark::State& state)
     state.SetItemsProcessed(state.iterations() * devices);
     state.SetComplexityN(devices);
 }
-BENCHMARK(BM_UsbWalk)->Arg(4)->Arg(16)->Arg(64)->Arg(127)->Unit(benchmark::kMillisecond)->Complexity();
+BENCHMARK(BM_UsbWalk)->RangeMultiplier(2)->Range(4, 127)->Unit(benchmark::kMillisecond)->Complexity();
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
+#include <limits>
 #include <sstream>
 
 const char* c_pNodeStr = nullptr;
@@ -33,13 +34,64 @@ const char* const kPortTypeTexts[] = {
 };
 const int kPortTypeCount = sizeof kPortTypeTexts / sizeof kPortTypeTexts[0];
 
+bool isStreamSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+int hexDigit(char c)
+{
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
+// A hexadecimal int read the way a stream in hex mode reads it, without
+// building one: leading white space, one sign, an optional 0x or 0X, then
+// the digits up to the first other character. No digits read as 0; a value
+// outside int stands at the nearest end of int.
 int readHex(const std::string& text)
 {
-    std::stringstream stream;
-    stream << std::hex << text;
-    int value = 0;
-    stream >> value;
-    return value;
+    const char* at = text.data();
+    const char* const end = at + text.size();
+    while (at != end && isStreamSpace(*at)) {
+        ++at;
+    }
+    bool negative = false;
+    if (at != end && (*at == '-' || *at == '+')) {
+        negative = *at == '-';
+        ++at;
+    }
+    if (end - at >= 2 && at[0] == '0' && (at[1] == 'x' || at[1] == 'X')) {
+        at += 2;
+    }
+    // Past 2^32 the value is out of int either way; the digits still count.
+    const unsigned long long kBeyond = 1ULL << 32;
+    unsigned long long magnitude = 0;
+    for (; at != end; ++at) {
+        int digit = hexDigit(*at);
+        if (digit < 0) {
+            break;
+        }
+        if (magnitude < kBeyond) {
+            magnitude = magnitude * 16 + static_cast<unsigned long long>(digit);
+        }
+    }
+    const unsigned long long kLargest = static_cast<unsigned long long>(std::numeric_limits<int>::max());
+    if (negative) {
+        if (magnitude > kLargest + 1) {
+            return std::numeric_limits<int>::min();
+        }
+        return static_cast<int>(-static_cast<long long>(magnitude));
+    }
+    if (magnitude > kLargest) {
+        return std::numeric_limits<int>::max();
+    }
+    return static_cast<int>(magnitude);
 }
 
 } // namespace

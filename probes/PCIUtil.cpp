@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace Vantrel {
 namespace Ostrand {
@@ -79,7 +80,7 @@ int PCIUtil::initPciUtil()
         pci_device device;
         parseN(nLine, &device);
         parseM(mLine, &device);
-        m_allDevices.push_back(device);
+        m_allDevices.push_back(std::move(device));
     }
 
     // 4. The -v pass.

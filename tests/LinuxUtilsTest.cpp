@@ -5,8 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -189,6 +191,60 @@ TEST(LinuxUtilsTest, FromHexToIntReadsAsStreamExtractionDoes)
     // Leading white space is skipped and a 0x prefix is taken.
     EXPECT_EQ(utils.fromHexToInt("  0101"), 0x0101);
     EXPECT_EQ(utils.fromHexToInt("0x1F"), 0x1F);
+}
+
+TEST(LinuxUtilsTest, FromHexToIntKeepsTheStreamsAnswerForOddTexts)
+{
+    LinuxUtils utils;
+    // No digits: 0. A sign, then an optional 0x, then digits.
+    EXPECT_EQ(utils.fromHexToInt(""), 0);
+    EXPECT_EQ(utils.fromHexToInt("zz"), 0);
+    EXPECT_EQ(utils.fromHexToInt("0x"), 0);
+    EXPECT_EQ(utils.fromHexToInt("-0X1a"), -0x1A);
+    EXPECT_EQ(utils.fromHexToInt("+1g"), 1);
+    EXPECT_EQ(utils.fromHexToInt("+-1"), 0);
+    EXPECT_EQ(utils.fromHexToInt("- 1"), 0);
+    EXPECT_EQ(utils.fromHexToInt("00x1"), 0);
+    EXPECT_EQ(utils.fromHexToInt("\t\v\f\r\n 7"), 7);
+    EXPECT_EQ(utils.fromHexToInt(std::string("1\0" "2", 3)), 1);
+    // Outside int: the nearest end of int.
+    EXPECT_EQ(utils.fromHexToInt("7fffffff"), INT_MAX);
+    EXPECT_EQ(utils.fromHexToInt("80000000"), INT_MAX);
+    EXPECT_EQ(utils.fromHexToInt("-80000000"), INT_MIN);
+    EXPECT_EQ(utils.fromHexToInt("-80000001"), INT_MIN);
+    EXPECT_EQ(utils.fromHexToInt("123456789abcdef0123"), INT_MAX);
+    EXPECT_EQ(utils.fromHexToInt("-123456789abcdef0123"), INT_MIN);
+}
+
+TEST(LinuxUtilsTest, FromHexToIntAnswersAsAHexStreamForEveryShortText)
+{
+    // Every text of up to three characters from the ones that matter, and
+    // longer mixes, against extraction from a stream in hex mode.
+    const std::string letters = std::string(" \t-+0xX19afAFg.:") + std::string(1, '\0') + "\xff";
+    LinuxUtils utils;
+    auto stream = [](const std::string& text) {
+        std::stringstream in;
+        in << std::hex << text;
+        int value = 0;
+        in >> value;
+        return value;
+    };
+    std::vector<std::string> texts = {""};
+    for (size_t length = 0; length < 3; ++length) {
+        std::vector<std::string> longer;
+        for (const std::string& text : texts) {
+            for (char c : letters) {
+                longer.push_back(text + c);
+            }
+        }
+        for (const std::string& text : longer) {
+            ASSERT_EQ(utils.fromHexToInt(text), stream(text)) << "text of " << text.size() << " bytes";
+        }
+        texts = longer;
+    }
+    for (const char* text : {"fffffffff", "-ffffffff", "0x7fffffff", "-0x80000000", "0000000000000000000001f"}) {
+        EXPECT_EQ(utils.fromHexToInt(text), stream(text)) << text;
+    }
 }
 
 // --- numofDevNodes and selectNodes ---------------------------------------------------

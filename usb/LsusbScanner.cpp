@@ -26,6 +26,71 @@ const size_t npos = std::string::npos;
 
 bool contains(const std::string& line, const char* key) { return line.find(key) != npos; }
 
+// The keys that choose what a line is, each a bit.
+enum Key : unsigned {
+    kBus0 = 1u << 0,
+    kBusPowered = 1u << 1,
+    kBcdUsb = 1u << 2,
+    kIdVendor = 1u << 3,
+    kNoId = 1u << 4,
+    kIdProduct = 1u << 5,
+    kBcdDevice = 1u << 6,
+    kIManufacturer = 1u << 7,
+    kIProduct = 1u << 8,
+    kISerial = 1u << 9,
+    kSelfPowered = 1u << 10,
+    kMaxPower = 1u << 11,
+    kBInterfaceClass = 1u << 12,
+    kBInterfaceSubClass = 1u << 13,
+};
+
+struct KeyText {
+    char first;
+    const char* text;
+    size_t length;
+    Key key;
+};
+
+template <size_t N> constexpr KeyText keyText(const char (&text)[N], Key key) { return {text[0], text, N - 1, key}; }
+
+const KeyText kKeyTexts[] = {
+    keyText("Bus 0", kBus0),
+    keyText("(Bus Powered", kBusPowered),
+    keyText("bcdUSB", kBcdUsb),
+    keyText("idVendor", kIdVendor),
+    keyText("0x0000", kNoId),
+    keyText("idProduct", kIdProduct),
+    keyText("bcdDevice", kBcdDevice),
+    keyText("iManufacturer", kIManufacturer),
+    keyText("iProduct", kIProduct),
+    keyText("iSerial", kISerial),
+    keyText("Self Powered", kSelfPowered),
+    keyText("MaxPower", kMaxPower),
+    keyText("bInterfaceClass", kBInterfaceClass),
+    keyText("bInterfaceSubClass", kBInterfaceSubClass),
+};
+
+// Every key the line holds, anywhere in it, found in one pass: the same
+// answers as a search for each key in turn.
+unsigned keysIn(const std::string& line)
+{
+    unsigned found = 0;
+    const char* const data = line.data();
+    const size_t size = line.size();
+    for (size_t i = 0; i < size; ++i) {
+        const char c = data[i];
+        if (c != 'B' && c != '(' && c != 'b' && c != 'i' && c != '0' && c != 'S' && c != 'M') {
+            continue;
+        }
+        for (const KeyText& key : kKeyTexts) {
+            if (key.first == c && key.length <= size - i && std::memcmp(data + i, key.text, key.length) == 0) {
+                found |= key.key;
+            }
+        }
+    }
+    return found;
+}
+
 bool isDigit(unsigned char c) { return std::isdigit(c) != 0; }
 bool isAlphaNum(unsigned char c) { return std::isalnum(c) != 0; }
 
@@ -266,58 +331,63 @@ void lsusbParser::parseBuffer(std::string const& line, Usb_Device* device)
     if (device == nullptr) {
         return;
     }
-    std::string root = m_usbRoot;
-
     // A control character cuts the line, and the character before it goes too.
-    std::string text = line;
+    std::string cut;
     int position = 0;
-    if (isContrlChar(text, position) && position > 0) {
-        text = text.substr(0, static_cast<size_t>(position - 1));
+    if (isContrlChar(line, position) && position > 0) {
+        cut = line.substr(0, static_cast<size_t>(position - 1));
     }
+    const std::string& text = position > 0 ? cut : line;
 
     // The first key that the line holds takes it.
+    const unsigned keys = keysIn(text);
     LineScan scan(*this, *m_linuxUtils, text, *device);
-    if (contains(text, "Bus 0") && !contains(text, "(Bus Powered")) {
-        scan.deviceLine(root);
-    } else if (contains(text, "bcdUSB")) {
+    if ((keys & kBus0) && !(keys & kBusPowered)) {
+        scan.deviceLine(m_usbRoot);
+    } else if (keys & kBcdUsb) {
         scan.usbRelease();
-    } else if (contains(text, "idVendor") && !contains(text, "0x0000")) {
+    } else if ((keys & kIdVendor) && !(keys & kNoId)) {
         scan.vendor();
-    } else if (contains(text, "idProduct")) {
+    } else if (keys & kIdProduct) {
         scan.product();
-    } else if (contains(text, "bcdDevice")) {
+    } else if (keys & kBcdDevice) {
         scan.deviceRelease();
-    } else if (contains(text, "iManufacturer")) {
+    } else if (keys & kIManufacturer) {
         scan.manufacturer();
-    } else if (contains(text, "iProduct")) {
+    } else if (keys & kIProduct) {
         scan.productString();
-    } else if (contains(text, "iSerial")) {
+    } else if (keys & kISerial) {
         scan.serial();
-    } else if (contains(text, "Self Powered")) {
+    } else if (keys & kSelfPowered) {
         scan.selfPowered();
-    } else if (contains(text, "MaxPower")) {
+    } else if (keys & kMaxPower) {
         scan.maxPower();
-    } else if (contains(text, "bInterfaceClass")) {
+    } else if (keys & kBInterfaceClass) {
         scan.interfaceClass();
-    } else if (contains(text, "bInterfaceSubClass")) {
+    } else if (keys & kBInterfaceSubClass) {
         scan.interfaceSubClass();
     }
 }
 
 bool lsusbParser::isContrlChar(std::string const& line, int& position)
 {
-    // The lowest code present wins, wherever it stands in the line.
-    for (int code = 1; code <= 30; ++code) {
-        if (code == 9 || code == 10 || code == 13) {
+    // The lowest code present wins, wherever it stands in the line: one
+    // pass keeps the lowest code seen and where it first stood.
+    int lowest = 31;
+    size_t at = npos;
+    for (size_t i = 0; i < line.size(); ++i) {
+        int code = static_cast<unsigned char>(line[i]);
+        if (code < 1 || code >= lowest || code == 9 || code == 10 || code == 13) {
             continue;
         }
-        size_t at = line.find(static_cast<char>(code));
-        if (at != npos) {
-            position = static_cast<int>(at);
-            return true;
-        }
+        lowest = code;
+        at = i;
     }
-    return false;
+    if (at == npos) {
+        return false;
+    }
+    position = static_cast<int>(at);
+    return true;
 }
 
 int lsusbParser::getFirstDigit(char const* text, int start) { return firstMatching(text, start, isDigit); }

@@ -44,7 +44,7 @@ FakeMachine::~FakeMachine()
 
 void FakeMachine::addCommand(const std::string& commandLine, const std::string& output)
 {
-    m_outputs[commandLine] = output;
+    m_outputs[commandLine] = std::make_shared<const std::string>(output);
 }
 
 void FakeMachine::addTools(const std::vector<std::string>& names)
@@ -132,33 +132,47 @@ FILE* FakeMachine::popen(const char* command, const char* mode)
     }
     std::string line(command);
     m_commands.push_back(line);
-    std::string output;
+    std::shared_ptr<const std::string> output;
     auto it = m_outputs.find(line);
     ShellRun run;
     if (it != m_outputs.end()) {
         output = it->second;
     } else if (runShellTools(*this, m_tools, line, run)) {
-        output = run.output;
+        output = std::make_shared<const std::string>(run.output);
         if (!run.errors.empty()) {
             m_shellErrors.push_back(run.errors);
         }
     } else {
         std::string word = line.substr(0, line.find(' '));
-        output = m_missingCommand;
-        size_t at = output.find("%s");
+        std::string said = m_missingCommand;
+        size_t at = said.find("%s");
         if (at != std::string::npos) {
-            output.replace(at, 2, word);
+            said.replace(at, 2, word);
         }
+        output = std::make_shared<const std::string>(said);
     }
-    FILE* stream = std::tmpfile();
+    FILE* stream = openText(std::move(output));
     if (stream == nullptr) {
         return nullptr;
     }
-    if (!output.empty()) {
-        std::fwrite(output.data(), 1, output.size(), stream);
-    }
-    std::rewind(stream);
     m_streams.push_back(stream);
+    return stream;
+}
+
+// The output is read from memory: a stream over the text itself, held until
+// the stream is closed. An empty output goes through a temporary file, whose
+// first read sets the end-of-file flag as a pipe's does.
+FILE* FakeMachine::openText(std::shared_ptr<const std::string> output)
+{
+    if (output->empty()) {
+        return std::tmpfile();
+    }
+    // A stream opened for reading never writes to its buffer.
+    FILE* stream = ::fmemopen(const_cast<char*>(output->data()), output->size(), "r");
+    if (stream == nullptr) {
+        return nullptr;
+    }
+    m_streamTexts[stream] = std::move(output);
     return stream;
 }
 
@@ -169,7 +183,11 @@ int FakeMachine::pclose(FILE* stream)
         return fail(ECHILD);
     }
     m_streams.erase(it);
+    auto text = m_streamTexts.find(stream);
     std::fclose(stream);
+    if (text != m_streamTexts.end()) {
+        m_streamTexts.erase(text);
+    }
     return 0;
 }
 

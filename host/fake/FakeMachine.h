@@ -135,6 +135,7 @@ public:
     void syslog(int priority, const char* format) override;
 
 private:
+    FILE* openText(std::shared_ptr<const std::string> output);
     struct Descriptor {
         std::string path;
         std::shared_ptr<DeviceModel> model;
@@ -144,7 +145,8 @@ private:
 
     Descriptor* descriptor(int fd);
 
-    std::map<std::string, std::string> m_outputs;
+    // Shared with the streams that read them: a command run does not copy its output.
+    std::map<std::string, std::shared_ptr<const std::string>> m_outputs;
     std::string m_missingCommand;
     std::set<std::string> m_tools;
     FakeFileTree m_tree;
@@ -159,6 +161,7 @@ private:
     std::map<int, Descriptor> m_descriptors;
     int m_nextFd = 3;
     std::vector<FILE*> m_streams;
+    std::map<FILE*, std::shared_ptr<const std::string>> m_streamTexts;
     std::map<void*, size_t> m_mappings;
     FakeSemaphores m_semaphores;
 
