@@ -3,6 +3,7 @@
 // of host adapter: an IDE channel (ide-scsi), a USB port, or a SCSI address.
 #include "finders/CDDVDDeviceFinder.h"
 
+#include "finders/UsbDriveLocation.h"
 #include "frame/CWmiInfo.h"
 #include "host/Host.h"
 #include "probes/LinuxUtils.h"
@@ -30,6 +31,8 @@ const int kModeSense10 = 0x5A;
 const int kReplyLength = 36;
 // Only sg nodes of this device type are taken: CD/DVD.
 const int kCdDvdType = 5;
+// How much of the parent location a USB drive's resource tag keeps.
+const size_t kTagLength = 32;
 
 // The kernel's answer to SCSI_IOCTL_GET_IDLUN.
 struct IdLun {
@@ -241,47 +244,8 @@ bool CDDVDDeviceFinder::getUSBCDLoc_ParentLoc(const int& usbNumber, const int& f
                                               std::string& parentLocation, std::string& serial,
                                               std::string& additionalInfo, std::string& resourceTag)
 {
-    // 1.
-    struct utsname name;
-    std::memset(&name, 0, sizeof name);
-    host::uname(&name);
-
-    // 2. A running number on a 2.4 kernel; no serial.
-    if (std::strncmp(name.release, "2.4", 3) == 0) {
-        location = m_linuxUtils->toString("sd", "USB Bus, CD-DVD ", usbNumber);
-        parentLocation = "System Board!USB Bus";
-        return true;
-    }
-
-    // 3. On a 3.x kernel and later a USB drive has no location at all.
-    if (std::strncmp(name.release, "2.6", 3) != 0) {
-        return false;
-    }
-
-    // 4. The USB tree, from the sg descriptor.
-    USBDeviceFinder finder(pLogFile);
-    Usb_Device* device = nullptr;
-    finder.getMyUSBInformation(&device, fd);
-
-    // 5. Not found: the board as the parent, and the record all the same.
-    if (device == nullptr) {
-        parentLocation = "";
-        parentLocation = "System Board";
-        return false;
-    }
-
-    // The record is ours and nothing reads it after this call: released
-    // here, also when the cut below throws.
-    std::unique_ptr<Usb_Device> record(device);
-
-    // 6. The tag is cut at a fixed place, whatever the length of the bus
-    //    number; a parent location shorter than that throws std::out_of_range.
-    location = record->location;
-    parentLocation = record->parentLocation;
-    additionalInfo += ", " + record->addlHWInfo;
-    serial = record->serialNo;
-    resourceTag = parentLocation.substr(23, 32);
-    return true;
+    return usbDriveLocation(*m_linuxUtils, "USB Bus, CD-DVD ", kTagLength, usbNumber, fd,
+                            UsbDriveTexts{location, parentLocation, serial, additionalInfo, resourceTag});
 }
 
 } // namespace Ostrand

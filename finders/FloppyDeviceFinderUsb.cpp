@@ -3,6 +3,7 @@
 // storage location.
 #include "finders/FloppyDeviceFinder.h"
 
+#include "finders/UsbDriveLocation.h"
 #include "frame/CWmiInfo.h"
 #include "host/Host.h"
 #include "probes/LinuxUtils.h"
@@ -33,8 +34,8 @@ const int kNoMedium = 0x3A;
 const int kDirectAccess = 0;
 const int kInquiryLength = 36;
 const unsigned char kInquiry = 0x12;
-// Where the resource tag is cut from the parent location, and how much of it.
-const size_t kTagStart = 23;
+// How much of the parent location the resource tag keeps: one character
+// less than the CD/DVD finder keeps.
 const size_t kTagLength = 31;
 
 // 4. A floppy's capacity, or a drive that has no readable disk in it.
@@ -179,46 +180,8 @@ bool FloppyDeviceFinder::getUSBFDDLoc_ParentLoc(const int& usbNumber, const int&
                                                 std::string& parentLocation, std::string& serial,
                                                 std::string& additionalInfo, std::string& resourceTag)
 {
-    // 1.
-    struct utsname name;
-    std::memset(&name, 0, sizeof name);
-    host::uname(&name);
-
-    // 2. A 2.4 kernel: a numbered drive on the USB bus.
-    if (std::strncmp(name.release, "2.4", 3) == 0) {
-        location = m_linuxUtils->toString("sd", "USB Bus, Floppy Drive ", usbNumber);
-        parentLocation = "System Board!USB Bus";
-        return true;
-    }
-    // 3. Later kernels than 2.6 give no location at all.
-    if (std::strncmp(name.release, "2.6", 3) != 0) {
-        return false;
-    }
-
-    // 4. A 2.6 kernel: the USB tree, from the sg descriptor.
-    USBDeviceFinder finder(pLogFile);
-    Usb_Device* device = nullptr;
-    finder.getMyUSBInformation(&device, fd);
-
-    // 5.
-    if (device == nullptr) {
-        parentLocation = "";
-        parentLocation = "System Board";
-        return false;
-    }
-
-    // The record is ours, and nothing reads it after this call: released
-    // here, also when the cut below throws.
-    std::unique_ptr<Usb_Device> record(device);
-
-    // 6. The tag is cut at a fixed place, whatever the bus number's length;
-    //    a parent location shorter than that throws std::out_of_range.
-    location = record->location;
-    parentLocation = record->parentLocation;
-    additionalInfo += ", " + record->addlHWInfo;
-    serial = record->serialNo;
-    resourceTag = parentLocation.substr(kTagStart, kTagLength);
-    return true;
+    return usbDriveLocation(*m_linuxUtils, "USB Bus, Floppy Drive ", kTagLength, usbNumber, fd,
+                            UsbDriveTexts{location, parentLocation, serial, additionalInfo, resourceTag});
 }
 
 } // namespace Ostrand
