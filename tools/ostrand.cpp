@@ -4,8 +4,10 @@
 //   ostrand list [--class CLASS] [--machine DIR] [--json]
 //   ostrand tree [--class CLASS] [--machine DIR]
 //   ostrand usb [--machine DIR] [--json]
+//   ostrand record DIR [--class CLASS] [--machine DIR]
 #include "tools/Enumeration.h"
 #include "tools/Output.h"
+#include "tools/Record.h"
 #include "tools/UsbReport.h"
 
 #include "host/fake/MachineDirectory.h"
@@ -66,6 +68,15 @@ int main(int argc, char** argv)
     CLI::App* usb = app.add_subcommand("usb", "the USB tree with the state of every hub port");
     usb->add_option("--machine,-m", machineDir, "a machine kept as data in this directory (default: live)");
     usb->add_flag("--json", json, "JSON: every field of every record, and the port states");
+    CLI::App* recordCommand =
+        app.add_subcommand("record", "write what the machine answers as a machine directory that --machine replays");
+    std::string recordDir;
+    std::string recordClass;
+    recordCommand->add_option("DIR", recordDir, "a new or empty folder for the recording")->required();
+    recordCommand->add_option("--class,-c", recordClass,
+                              "the finders to run (default: every class but modem; modem or all speak AT to the "
+                              "serial ports)");
+    recordCommand->add_option("--machine,-m", machineDir, "record a machine kept as data instead of the live one");
 
     try {
         app.parse(argc, argv);
@@ -75,6 +86,17 @@ int main(int argc, char** argv)
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
         return badUse(oneLine(e.what()) + " (see ostrand --help)");
+    }
+
+    if (recordCommand->parsed()) {
+        RecordRequest request;
+        request.directory = recordDir;
+        request.source = machineDir;
+        request.progress = ::isatty(STDERR_FILENO) == 1;
+        if (!recordClasses(recordClass, request.classes)) {
+            return badUse("unknown class '" + recordClass + "' (expected " + classNames() + ")");
+        }
+        return record(request, std::cerr);
     }
 
     std::vector<std::string> classes;

@@ -1,6 +1,7 @@
 #include "host/fake/MachineDirectory.h"
 
 #include "host/fake/ShellTools.h"
+#include "host/models/IoctlNames.h"
 #include "host/models/Models.h"
 
 #include <algorithm>
@@ -178,6 +179,35 @@ std::map<std::string, DirectiveHandler> coreDirectives()
              needWords(d, 3, "deny PATH ERRNO");
              m.denyOpen(d.words[1], errnoByName(d, d.words[2]));
          }},
+        {"refuse-ioctl",
+         [](FakeMachine& m, const Directive& d) {
+             needWords(d, 4, "refuse-ioctl PATH REQUEST ERRNO");
+             unsigned long request = 0;
+             if (!ioctlByName(d.words[2], request)) {
+                 d.fail("unknown ioctl " + d.words[2]);
+             }
+             int error = errnoByName(d, d.words[3]);
+             std::shared_ptr<DeviceModel> model = m.model(d.words[1]);
+             if (!model) {
+                 model = std::make_shared<DeviceModel>();
+                 m.addNode(d.words[1], 'c', model);
+             }
+             model->refuse(request, error);
+         }},
+        {"size",
+         [](FakeMachine&, const Directive& d) {
+             needWords(d, 3, "size DATAFILE BYTES");
+             char* end = nullptr;
+             unsigned long long expected = std::strtoull(d.words[2].c_str(), &end, 10);
+             if (d.words[2].empty() || end == nullptr || *end != '\0' || d.words[2][0] == '-') {
+                 d.fail("not a byte count: " + d.words[2]);
+             }
+             std::string bytes = d.data(d.words[1]);
+             if (bytes.size() != expected) {
+                 d.fail(d.words[1] + " holds " + std::to_string(bytes.size()) + " bytes, not the " + d.words[2] +
+                        " that were recorded (cut short or edited)");
+             }
+         }},
     };
 }
 
@@ -195,7 +225,9 @@ const std::map<std::string, DirectiveHandler>& handlers()
 
 } // namespace
 
-int errnoNamed(const std::string& name)
+namespace {
+
+const std::map<std::string, int>& errnoNames()
 {
     static const std::map<std::string, int> names = {
         {"EACCES", EACCES},     {"EPERM", EPERM},         {"ENOENT", ENOENT},         {"EIO", EIO},
@@ -203,9 +235,38 @@ int errnoNamed(const std::string& name)
         {"ENODEV", ENODEV},     {"ENOMEDIUM", ENOMEDIUM}, {"ENOSPC", ENOSPC},         {"EAGAIN", EAGAIN},
         {"EPIPE", EPIPE},       {"ETIMEDOUT", ETIMEDOUT}, {"EPROTO", EPROTO},         {"EILSEQ", EILSEQ},
         {"EOVERFLOW", EOVERFLOW}, {"EHOSTUNREACH", EHOSTUNREACH}, {"ENODATA", ENODATA}, {"ENOSYS", ENOSYS},
-        {"ESHUTDOWN", ESHUTDOWN}};
-    auto it = names.find(name);
-    return it == names.end() ? 0 : it->second;
+        {"ESHUTDOWN", ESHUTDOWN}, {"EFAULT", EFAULT},     {"EMSGSIZE", EMSGSIZE},     {"ENOMEM", ENOMEM},
+        {"EBADF", EBADF},       {"EOPNOTSUPP", EOPNOTSUPP}, {"EROFS", EROFS},         {"ENOTDIR", ENOTDIR},
+        {"EISDIR", EISDIR},     {"ENOTBLK", ENOTBLK},     {"ENOLINK", ENOLINK},       {"EREMOTEIO", EREMOTEIO},
+        {"ECOMM", ECOMM},       {"EINTR", EINTR},         {"ECONNRESET", ECONNRESET}, {"ENOTCONN", ENOTCONN}};
+    return names;
+}
+
+} // namespace
+
+int errnoNamed(const std::string& name)
+{
+    auto it = errnoNames().find(name);
+    if (it != errnoNames().end()) {
+        return it->second;
+    }
+    // A number stands for itself, for the errors that have no name here.
+    char* end = nullptr;
+    long number = std::strtol(name.c_str(), &end, 10);
+    if (name.empty() || end == nullptr || *end != '\0' || number <= 0 || number > 4095) {
+        return 0;
+    }
+    return static_cast<int>(number);
+}
+
+std::string errnoName(int error)
+{
+    for (const auto& entry : errnoNames()) {
+        if (entry.second == error) {
+            return entry.first;
+        }
+    }
+    return std::to_string(error);
 }
 
 int errnoByName(const Directive& d, const std::string& name)

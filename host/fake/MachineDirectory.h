@@ -49,8 +49,11 @@ using DirectiveHandler = std::function<void(FakeMachine&, const Directive&)>;
 void needWords(const Directive& d, size_t count, const char* usage);
 // The line from word `word` on, as written (blanks inside kept).
 std::string restOfLine(const std::string& line, size_t word);
-// An errno value by its name (EACCES, EBUSY, EPIPE, ...), or 0 for a name it does not know.
+// An errno value by its name (EACCES, EBUSY, EPIPE, ...) or its decimal
+// number, or 0 for a name it does not know.
 int errnoNamed(const std::string& name);
+// The name of an errno value, as errnoNamed reads it back (its number when it has no name here).
+std::string errnoName(int error);
 // An errno value by its name (EACCES, EBUSY, ...), or fails the directive.
 int errnoByName(const Directive& d, const std::string& name);
 

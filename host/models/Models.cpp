@@ -196,6 +196,45 @@ InquiryFields inquiryFields(const Directive& d, InquiryFields fields)
     return fields;
 }
 
+// The bytes of one hexadecimal text, two digits a byte.
+std::string hexText(const Directive& d, const std::string& text)
+{
+    std::string bytes;
+    if (text.size() % 2 != 0) {
+        d.fail("odd number of hexadecimal digits: " + text);
+    }
+    for (size_t i = 0; i < text.size(); i += 2) {
+        if (!std::isxdigit(static_cast<unsigned char>(text[i])) ||
+            !std::isxdigit(static_cast<unsigned char>(text[i + 1]))) {
+            d.fail("not hexadecimal: " + text);
+        }
+        bytes += static_cast<char>(std::strtol(text.substr(i, 2).c_str(), nullptr, 16));
+    }
+    return bytes;
+}
+
+// status STATUS [data=HEX] [sense=HEX], from word 3 on: a reply exactly as a
+// device gave it, as recordings write it.
+SgReply statusReply(const Directive& d, const char* usage)
+{
+    if (d.words.size() < 5) {
+        d.fail(std::string("expected: ") + usage);
+    }
+    SgReply reply;
+    reply.status = static_cast<unsigned char>(hexWord(d, 4));
+    for (size_t w = 5; w < d.words.size(); ++w) {
+        const std::string& word = d.words[w];
+        if (word.compare(0, 5, "data=") == 0) {
+            reply.data = hexText(d, word.substr(5));
+        } else if (word.compare(0, 6, "sense=") == 0) {
+            reply.sense = hexText(d, word.substr(6));
+        } else {
+            d.fail("expected data=HEX or sense=HEX: " + word);
+        }
+    }
+    return reply;
+}
+
 // good HEX... | check KEY CODE [QUALIFIER] | check-descriptor ... | fail ERRNO,
 // from word 3 on.
 SgReply replyOf(const Directive& d, const char* usage)
@@ -216,6 +255,9 @@ SgReply replyOf(const Directive& d, const char* usage)
     if (kind == "fail") {
         needWords(d, 5, usage);
         return SgReply::failure(errnoByName(d, d.words[4]));
+    }
+    if (kind == "status") {
+        return statusReply(d, usage);
     }
     d.fail(std::string("expected: ") + usage);
 }
@@ -257,7 +299,7 @@ void loadSgInquiry(FakeMachine& m, const Directive& d)
 void loadSgReply(FakeMachine& m, const Directive& d)
 {
     const char* usage = "sg-reply PATH COMMAND good [HEX...] | check KEY CODE [QUALIFIER] | "
-                        "check-descriptor KEY CODE [QUALIFIER] | fail ERRNO";
+                        "check-descriptor KEY CODE [QUALIFIER] | fail ERRNO | status STATUS [data=HEX] [sense=HEX]";
     needWords(d, 4, usage);
     auto model = sgNode(m, d);
     int opcode = opcodeByName(d, d.words[2]);
@@ -308,7 +350,7 @@ void loadIdeInquiry(FakeMachine& m, const Directive& d)
 void loadIdePacket(FakeMachine& m, const Directive& d)
 {
     const char* usage = "ide-packet PATH COMMAND good [HEX...] | check KEY CODE [QUALIFIER] | "
-                        "check-descriptor KEY CODE [QUALIFIER] | fail ERRNO";
+                        "check-descriptor KEY CODE [QUALIFIER] | fail ERRNO | status STATUS [data=HEX] [sense=HEX]";
     needWords(d, 4, usage);
     auto model = ideNode(m, d);
     int opcode = opcodeByName(d, d.words[2]);

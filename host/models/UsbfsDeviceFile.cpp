@@ -141,6 +141,18 @@ std::shared_ptr<UsbfsModel> UsbfsModel::parse(const std::string& text)
                 bad(number, "a hub has at most 127 ports");
             }
             model->setPortInfo(devices);
+        } else if (key == "reply") {
+            need(number, words, 3, "reply BYTES|- EVENT NAME");
+            // The bytes in one word, two digits each, or - for none.
+            std::vector<std::string> pairs;
+            const std::string& hex = words[1] == "-" ? std::string() : words[1];
+            if (hex.size() % 2 != 0) {
+                bad(number, "odd number of hexadecimal digits: " + hex);
+            }
+            for (size_t i = 0; i < hex.size(); i += 2) {
+                pairs.push_back(hex.substr(i, 2));
+            }
+            model->setReply(restOfLine(line, 2), bytesOf(number, pairs, 0));
         } else if (key == "fail") {
             need(number, words, 3, "fail ERRNO EVENT NAME");
             model->fail(restOfLine(line, 2), errnoOf(number, words[1]));

@@ -150,6 +150,11 @@ int UsbfsModel::control(void* argument, IoctlRecord& event)
 
 std::string UsbfsModel::transferName(const usbdevfs_ctrltransfer& transfer) const
 {
+    return usbTransferName(transfer);
+}
+
+std::string usbTransferName(const usbdevfs_ctrltransfer& transfer)
+{
     unsigned type = transfer.bRequestType;
     unsigned request = transfer.bRequest;
     unsigned value = transfer.wValue;

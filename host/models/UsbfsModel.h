@@ -36,6 +36,11 @@ namespace Vantrel {
 namespace Ostrand {
 namespace host {
 
+// The readable name of a control transfer, as the events and the `fail` and
+// `reply` lines of device files write it: "GET_DESCRIPTOR(device)",
+// "GET_STATUS(port 2)", "request 0x40/0x01".
+std::string usbTransferName(const usbdevfs_ctrltransfer& transfer);
+
 class UsbfsModel : public DeviceModel {
 public:
     // One control transfer as it reached the device.
