@@ -34,13 +34,16 @@ int DeviceModel::ioctl(FakeMachine& machine, unsigned long request, void* argume
         char number[32];
         std::snprintf(number, sizeof number, "ioctl 0x%lX", request);
         event.name = number;
-        return -ENOTTY;
+    } else {
+        event.name = entry->name;
     }
-    event.name = entry->name;
     for (const auto& refused : m_refused) {
         if (refused.first == request) {
             return -refused.second;
         }
+    }
+    if (entry == nullptr) {
+        return -ENOTTY;
     }
     return entry->handler(machine, argument, event);
 }

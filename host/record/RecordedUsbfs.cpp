@@ -49,7 +49,7 @@ std::string nameOf(const Setup& setup)
     transfer.bRequest = setup.request;
     transfer.wValue = setup.value;
     transfer.wIndex = setup.index;
-    return usbTransferName(transfer);
+    return "USBDEVFS_CONTROL " + usbTransferName(transfer);
 }
 
 std::string word16(unsigned value)
@@ -220,7 +220,7 @@ std::string fileText(const DeviceText& text)
                 value.back() != ' ' && value.front() != ' ' && stringDescriptor(value) == string.second) {
                 file += "string " + std::to_string(string.first) + " " + value + "\n";
             } else {
-                file += "reply " + hexWord(string.second, true) + " GET_DESCRIPTOR(string " +
+                file += "reply " + hexWord(string.second, true) + " USBDEVFS_CONTROL GET_DESCRIPTOR(string " +
                         std::to_string(string.first) + ")\n";
             }
         }
