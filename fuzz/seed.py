@@ -212,3 +212,18 @@ for line in lines('lab-server/ioctls.txt'):
 put('ide_identity_fuzz', 'no-zero-byte', b'\xff' * 512)
 put('ide_identity_fuzz', 'virtual', identity(0x85c0, 'VS0001', '1.0', 'IPMI VIRTUALCDROM'))
 put('ide_identity_fuzz', 'fixed-disk', identity(0x0040, 'QM00001', '2.5+', 'QEMU HARDDISK'))
+
+# Machine files: the samples' own, and the lines that recordings write.
+for sample in ('lab-server', 'ide-server', 'virtio-vm', 'lab-server-recorded'):
+    path = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'samples', sample, 'machine')
+    if os.path.exists(path):
+        put('machine_text_fuzz', sample, read(path))
+put('machine_text_fuzz', 'recording-lines', (
+    b'size a.txt 34\nrun a.txt /sbin/lspci -n 2>&1\n'
+    b'sg /dev/sg0 host=1 channel=0 id=0 lun=0 type=5 emulated=1 cmd-per-lun=1 queue-depth=1\n'
+    b'sg-reply /dev/sg0 inquiry status 02 data=0102 sense=700002\n'
+    b'scsi-block /dev/sr0 host=1 channel=0 id=0 lun=0 unique-id=2 identity=id.bin\n'
+    b'ide-packet /dev/sr0 mode-sense status 02 sense=70000500\n'
+    b'refuse-ioctl /dev/sr0 HDIO_GET_IDENTITY EINVAL\nrefuse-ioctl /dev/x 0x5401 95\n'
+    b'usbfs /dev/bus/usb/001/001 dev.usb\nserial /dev/ttyS0 type=4 port=0x3f8 irq=4 modem=modem.txt\n'
+    b'deny /dev/mem EACCES\nsysfs sys\n'))

@@ -50,6 +50,11 @@ std::string Directive::data(const std::string& relativePath) const
     if (relativePath == "-") {
         return "";
     }
+    // Only a regular file: a device or a pipe named by a hand edit would never end.
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(directory + "/" + relativePath, error)) {
+        fail("cannot read data file " + relativePath);
+    }
     std::ifstream in(directory + "/" + relativePath, std::ios::binary);
     if (!in) {
         fail("cannot read data file " + relativePath);
