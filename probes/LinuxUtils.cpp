@@ -2,11 +2,13 @@
 
 #include "host/Host.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <limits>
 #include <sstream>
+#include <string_view>
 
 const char* c_pNodeStr = nullptr;
 
@@ -54,7 +56,7 @@ int hexDigit(char c)
 // building one: leading white space, one sign, an optional 0x or 0X, then
 // the digits up to the first other character. No digits read as 0; a value
 // outside int stands at the nearest end of int.
-int readHex(const std::string& text)
+int readHex(std::string_view text)
 {
     const char* at = text.data();
     const char* const end = at + text.size();
@@ -139,13 +141,14 @@ void LinuxUtils::extractBusDevFn(const std::string& text, int& bus, int& device,
 {
     // 1, 2. Without the domain, if there is one. A search that finds nothing
     //       gives npos, so a text without a colon or a point is taken whole.
+    //       The two beginnings up to the first and the last colon are one
+    //       text exactly when they are equally long. The parts are views
+    //       of the text, not copies: no start below lies behind its end.
     size_t first = text.find(':');
     size_t last = text.rfind(':');
-    std::string working;
-    if (text.substr(0, first) == text.substr(0, last)) {
-        working = text;
-    } else {
-        working = text.substr(first + 1, last);
+    std::string_view working(text);
+    if (std::min(first, text.size()) != std::min(last, text.size())) {
+        working = working.substr(first + 1, last);
     }
     // 3. The bus, up to the first colon.
     size_t colon = working.find(':');

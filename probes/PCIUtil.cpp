@@ -3,6 +3,7 @@
 #include "host/Host.h"
 #include "probes/LinuxUtils.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -20,16 +21,74 @@ bool isHiddenDevice(int deviceId)
     return deviceId == 0x27C0 || deviceId == 0x24D1 || deviceId == 0x1D3A || deviceId == 0x1D3B;
 }
 
+bool contains(const char* line, const char* word) { return std::strstr(line, word) != nullptr; }
+
 // fgets leaves the newline in; the last character is cut whatever it is.
-void cutLastCharacter(char* line)
+// The line goes into text, whose room is kept from one line to the next.
+void takeLine(char* line, std::string& text)
 {
     size_t length = std::strlen(line);
     if (length > 0) {
-        line[length - 1] = '\0';
+        line[--length] = '\0';
     }
+    text.assign(line, length);
 }
 
-bool contains(const char* line, const char* word) { return std::strstr(line, word) != nullptr; }
+// The words that an -v line is read for, each a bit.
+enum VWord : unsigned {
+    kPcilib = 1u << 0,
+    kIrq = 1u << 1,
+    kBusColon = 1u << 2,
+    kIoPortsAt = 1u << 3,
+};
+
+bool wordAt(const char* at, const char* end, const char* word, size_t length)
+{
+    return length <= static_cast<size_t>(end - at) && std::memcmp(at, word, length) == 0;
+}
+
+// Every word the line holds, anywhere in it, found in one pass: the same
+// answers as a search for each word in turn. The line holds no zero byte
+// (it was cut at the first), so the letters that begin a word are found by
+// strpbrk, and only there are the words compared.
+unsigned vWordsIn(const std::string& line)
+{
+    unsigned found = 0;
+    const char* const end = line.c_str() + line.size();
+    for (const char* at = std::strpbrk(line.c_str(), "pIB"); at != nullptr; at = std::strpbrk(at + 1, "pIB")) {
+        if (*at == 'p') {
+            if (wordAt(at, end, "pcilib:", 7)) {
+                found |= kPcilib;
+            }
+        } else if (*at == 'I') {
+            if (wordAt(at, end, "IRQ", 3)) {
+                found |= kIrq;
+            } else if (wordAt(at, end, "I/O ports at", 12)) {
+                found |= kIoPortsAt;
+            }
+        } else if (wordAt(at, end, "Bus: ", 5)) {
+            found |= kBusColon;
+        }
+    }
+    return found;
+}
+
+// std::string::find of a word of a few letters, by hand: the same position,
+// without a library call for every letter the word begins with.
+size_t findWord(const std::string& line, const char* word, size_t length)
+{
+    const char* const data = line.data();
+    const size_t size = line.size();
+    if (length > size) {
+        return std::string::npos;
+    }
+    for (size_t i = 0; i + length <= size; ++i) {
+        if (data[i] == word[0] && std::memcmp(data + i, word, length) == 0) {
+            return i;
+        }
+    }
+    return std::string::npos;
+}
 
 } // namespace
 
@@ -46,6 +105,15 @@ int PCIUtil::initPciUtil()
     std::memset(nLine, 0, sizeof nLine);
     std::memset(mLine, 0, sizeof mLine);
     std::memset(vLine, 0, sizeof vLine);
+
+    // The lines as texts, each kept for the next line so that its room is
+    // allocated once.
+    std::string nText;
+    std::string mText;
+    std::string vText;
+    nText.reserve(kLineSize);
+    mText.reserve(kLineSize);
+    vText.reserve(kLineSize);
 
     FILE* nPipe = host::popen("/sbin/lspci -n 2>&1", "r");
     if (nPipe == nullptr) {
@@ -75,11 +143,11 @@ int PCIUtil::initPciUtil()
             std::fgets(nLine, kLineSize, nPipe);
             std::fgets(mLine, kLineSize, mPipe);
         }
-        cutLastCharacter(nLine);
-        cutLastCharacter(mLine);
+        takeLine(nLine, nText);
+        takeLine(mLine, mText);
         pci_device device;
-        parseN(nLine, &device);
-        parseM(mLine, &device);
+        parseN(nText, &device);
+        parseM(mText, &device);
         m_allDevices.push_back(std::move(device));
     }
 
@@ -100,8 +168,10 @@ int PCIUtil::initPciUtil()
         m_allDevices[0].irq = 0;
     }
     while (std::fgets(vLine, kLineSize, vPipe) != nullptr) {
-        cutLastCharacter(vLine);
-        if (contains(vLine, "pcilib:")) {
+        takeLine(vLine, vText);
+        // The words are sought once, all of them in one pass.
+        const unsigned words = vWordsIn(vText);
+        if (words & kPcilib) {
             continue;
         }
         if (firstLineToCome) {
@@ -115,14 +185,14 @@ int PCIUtil::initPciUtil()
             // A text with more blocks than the inventory writes nothing past
             // its end: those details are parsed and dropped.
             pci_device& device = current < m_allDevices.size() ? m_allDevices[current] : beyondTheInventory;
-            if (contains(vLine, "IRQ")) {
-                device.irq = parseIRQ(vLine);
+            if (words & kIrq) {
+                device.irq = parseIRQ(vText);
             }
-            if (contains(vLine, "Bus: ")) {
-                parseBusDetails(vLine, device.primaryBus, device.secondaryBus, device.subordinateBus);
+            if (words & kBusColon) {
+                parseBusDetails(vText, device.primaryBus, device.secondaryBus, device.subordinateBus);
             }
-            if (contains(vLine, "I/O ports at")) {
-                device.ioPortsAddr = parseIOPortsAddr(vLine);
+            if (words & kIoPortsAt) {
+                device.ioPortsAddr = parseIOPortsAddr(vText);
             }
             continue;
         }
@@ -143,7 +213,7 @@ int PCIUtil::initPciUtil()
 void PCIUtil::parseN(const std::string& line, pci_device* device)
 {
     LinuxUtils utils;
-    const bool hasClass = line.find("Class") != std::string::npos;
+    const bool hasClass = findWord(line, "Class", 5) != std::string::npos;
 
     // 1. Where the class starts and the slot ends.
     size_t start;
@@ -159,7 +229,7 @@ void PCIUtil::parseN(const std::string& line, pci_device* device)
     }
 
     // 2. The slot, without a domain on the shape with the word Class.
-    if (line.find("0000:") != std::string::npos) {
+    if (findWord(line, "0000:", 5) != std::string::npos) {
         device->busDevFn = line.substr(5, slotEnd - 5);
     } else {
         device->busDevFn = line.substr(0, slotEnd);
@@ -206,14 +276,19 @@ void PCIUtil::parseM(const std::string& line, pci_device* device)
 
     size_t q5 = line.find('"', q4 + 1);
     size_t q6 = line.find('"', q5 + 1);
-    device->deviceName = device->vendorName + " " + line.substr(q5 + 1, q6 - q5 - 1);
+    // The vendor, a blank and the device, put together in place.
+    std::string& name = device->deviceName;
+    const size_t deviceLength = std::min(q6 - q5 - 1, line.size() - (q5 + 1));
+    name.clear();
+    name.reserve(device->vendorName.size() + 1 + deviceLength);
+    name.append(device->vendorName).append(1, ' ').append(line, q5 + 1, deviceLength);
 
     // The test is on the whole line: a name with USB in it counts.
-    if (line.find("USB") == std::string::npos) {
+    if (findWord(line, "USB", 3) == std::string::npos) {
         device->progIf = -1;
-    } else if (line.find(" -p10 ") != std::string::npos) {
+    } else if (findWord(line, " -p10 ", 6) != std::string::npos) {
         device->progIf = 10;
-    } else if (line.find(" -p20 ") != std::string::npos) {
+    } else if (findWord(line, " -p20 ", 6) != std::string::npos) {
         device->progIf = 20;
     } else {
         device->progIf = 0;

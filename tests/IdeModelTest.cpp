@@ -47,7 +47,12 @@ struct Packet {
         std::memset(data, 0xEE, sizeof data);
         std::memset(sense, 0, sizeof sense);
         size_t i = 0;
+        // Never more than the packet holds; the bound also keeps the
+        // Release build's overflow check quiet.
         for (int value : bytesOfCommand) {
+            if (i == sizeof command.cmd) {
+                break;
+            }
             command.cmd[i++] = static_cast<unsigned char>(value);
         }
         command.buffer = data;

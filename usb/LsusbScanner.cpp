@@ -55,7 +55,7 @@ struct KeyText {
 
 template <size_t N> constexpr KeyText keyText(const char (&text)[N], Key key) { return {text[0], text, N - 1, key}; }
 
-const KeyText kKeyTexts[] = {
+constexpr KeyText kKeyTexts[] = {
     keyText("Bus 0", kBus0),
     keyText("(Bus Powered", kBusPowered),
     keyText("bcdUSB", kBcdUsb),
@@ -72,25 +72,52 @@ const KeyText kKeyTexts[] = {
     keyText("bInterfaceSubClass", kBInterfaceSubClass),
 };
 
+// The keys that a letter may begin, as a bit set over kKeyTexts.
+struct FirstLetters {
+    unsigned short keys[256];
+
+    constexpr FirstLetters() : keys()
+    {
+        for (size_t k = 0; k < sizeof kKeyTexts / sizeof kKeyTexts[0]; ++k) {
+            keys[static_cast<unsigned char>(kKeyTexts[k].first)] |= static_cast<unsigned short>(1u << k);
+        }
+    }
+};
+constexpr FirstLetters kFirstLetters;
+
 // Every key the line holds, anywhere in it, found in one pass: the same
-// answers as a search for each key in turn.
+// answers as a search for each key in turn. A letter that begins no key
+// costs one look in the table.
 unsigned keysIn(const std::string& line)
 {
     unsigned found = 0;
     const char* const data = line.data();
     const size_t size = line.size();
     for (size_t i = 0; i < size; ++i) {
-        const char c = data[i];
-        if (c != 'B' && c != '(' && c != 'b' && c != 'i' && c != '0' && c != 'S' && c != 'M') {
-            continue;
-        }
-        for (const KeyText& key : kKeyTexts) {
-            if (key.first == c && key.length <= size - i && std::memcmp(data + i, key.text, key.length) == 0) {
+        unsigned candidates = kFirstLetters.keys[static_cast<unsigned char>(data[i])];
+        while (candidates != 0) {
+            const KeyText& key = kKeyTexts[__builtin_ctz(candidates)];
+            candidates &= candidates - 1;
+            if (key.length <= size - i && std::memcmp(data + i, key.text, key.length) == 0) {
                 found |= key.key;
             }
         }
     }
     return found;
+}
+
+// Whether any of the codes 1 to 30 but tab, newline and carriage return is
+// in the line.
+bool holdsControlCharacter(const std::string& line)
+{
+    const unsigned char* const data = reinterpret_cast<const unsigned char*>(line.data());
+    unsigned any = 0;
+    for (size_t i = 0; i < line.size(); ++i) {
+        const unsigned code = data[i];
+        any |= static_cast<unsigned>(code - 1u < 30u) & static_cast<unsigned>(code != 9) &
+               static_cast<unsigned>(code != 10) & static_cast<unsigned>(code != 13);
+    }
+    return any != 0;
 }
 
 bool isDigit(unsigned char c) { return std::isdigit(c) != 0; }
@@ -373,6 +400,12 @@ void lsusbParser::parseBuffer(std::string const& line, Usb_Device* device)
 
 bool lsusbParser::isContrlChar(std::string const& line, int& position)
 {
+    // Nearly every line holds none of them: a pass that only asks whether
+    // any is there (and that the compiler can run many bytes at a time)
+    // settles those lines.
+    if (!holdsControlCharacter(line)) {
+        return false;
+    }
     // The lowest code present wins, wherever it stands in the line: one
     // pass keeps the lowest code seen and where it first stood.
     int lowest = 31;

@@ -36,6 +36,7 @@ bool readToolLine(FILE* stream, char* buffer)
 LsusbDeviceCollector::LsusbDeviceCollector(lsusbParser& parser, UsbMap& devices)
     : m_parser(parser), m_devices(devices), m_current(nullptr)
 {
+    m_line.reserve(kLsusbLineSize);
 }
 
 void LsusbDeviceCollector::takeLine(char* line)
@@ -50,7 +51,8 @@ void LsusbDeviceCollector::takeLine(char* line)
         m_current = new Usb_Device;
     }
     // 8. Every line, the device line included.
-    m_parser.parseBuffer(line, m_current);
+    m_line.assign(line);
+    m_parser.parseBuffer(m_line, m_current);
 }
 
 void LsusbDeviceCollector::finish() { storeCurrent(); }
@@ -62,7 +64,8 @@ void LsusbDeviceCollector::storeCurrent()
     if (m_current == nullptr) {
         return;
     }
-    m_devices.insert(UsbMap::value_type(m_current->devicePath, *m_current));
+    // Copied once, straight into the map, and only when the path is new.
+    m_devices.try_emplace(m_current->devicePath, *m_current);
     delete m_current;
     m_current = nullptr;
 }

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <string>
 
 namespace Vantrel {
 namespace Ostrand {
@@ -47,6 +48,8 @@ private:
     lsusbParser& m_parser;
     UsbMap& m_devices;
     Usb_Device* m_current;
+    // The line as the parser takes it; its room is kept from line to line.
+    std::string m_line;
 };
 
 } // namespace Ostrand
