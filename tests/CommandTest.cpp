@@ -1,5 +1,5 @@
 // The ostrand command, run as a support engineer runs it.
-#include "usb/LsusbText.h"
+#include "tests/support/ReleaseLabel.h"
 
 #include <gtest/gtest.h>
 
@@ -199,13 +199,7 @@ std::string captured(const std::string& name)
         text.append(buffer, n);
     }
     std::fclose(file);
-    // The captures hold the label of the USB release as a mark; the label
-    // itself is the reader's.
-    for (std::string::size_type at = text.find("@RELEASE@"); at != std::string::npos;
-         at = text.find("@RELEASE@", at)) {
-        text.replace(at, 9, Vantrel::Ostrand::kUsbReleaseLabel);
-    }
-    return text;
+    return ostrand_test::withReleaseLabel(text);
 }
 
 const std::string kLab26 = std::string(OSTRAND_SOURCE_DIR) + "/samples/lab-server-2.6";

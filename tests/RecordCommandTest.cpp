@@ -1,5 +1,7 @@
 // `ostrand record`: a machine recorded through the recorder replays to the
 // records of the machine itself, and the command guards its folder.
+#include "tests/support/ReleaseLabel.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -366,20 +368,13 @@ TEST_F(EditedRecording, ACutUsbDeviceFileNamesBothFilesAndLines)
 
 #ifdef OSTRAND_COMMAND
 
-#include "usb/LsusbText.h"
-
 namespace {
 
 // What the command printed live inside the lab guest that the recording was
 // made in, with the USB release label held as a mark.
 std::string livePrinted(const std::string& name)
 {
-    std::string text = readFile(kSource + "/tests/captures/lab-server-recorded/" + name);
-    for (std::string::size_type at = text.find("@RELEASE@"); at != std::string::npos;
-         at = text.find("@RELEASE@", at)) {
-        text.replace(at, 9, Vantrel::Ostrand::kUsbReleaseLabel);
-    }
-    return text;
+    return ostrand_test::withReleaseLabel(readFile(kSource + "/tests/captures/lab-server-recorded/" + name));
 }
 
 const char* const kRecordedClasses[] = {"pci", "network", "memory", "serial", "parallel", "rac", "floppy", "cddvd"};

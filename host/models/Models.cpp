@@ -116,22 +116,29 @@ std::map<std::string, std::string> quotedFields(const Directive& d, const std::s
     }
 }
 
+// The bytes of one hexadecimal text, two digits a byte.
+std::string hexText(const Directive& d, const std::string& text)
+{
+    std::string bytes;
+    if (text.size() % 2 != 0) {
+        d.fail("odd number of hexadecimal digits: " + text);
+    }
+    for (size_t i = 0; i < text.size(); i += 2) {
+        if (!std::isxdigit(static_cast<unsigned char>(text[i])) ||
+            !std::isxdigit(static_cast<unsigned char>(text[i + 1]))) {
+            d.fail("not hexadecimal: " + text);
+        }
+        bytes += static_cast<char>(std::strtol(text.substr(i, 2).c_str(), nullptr, 16));
+    }
+    return bytes;
+}
+
 // Hexadecimal bytes, two digits each, in words of any even length ("0B3F").
 std::string hexBytes(const Directive& d, size_t firstWord)
 {
     std::string bytes;
     for (size_t w = firstWord; w < d.words.size(); ++w) {
-        const std::string& word = d.words[w];
-        if (word.size() % 2 != 0) {
-            d.fail("odd number of hexadecimal digits: " + word);
-        }
-        for (size_t i = 0; i < word.size(); i += 2) {
-            if (!std::isxdigit(static_cast<unsigned char>(word[i])) ||
-                !std::isxdigit(static_cast<unsigned char>(word[i + 1]))) {
-                d.fail("not hexadecimal: " + word);
-            }
-            bytes += static_cast<char>(std::strtol(word.substr(i, 2).c_str(), nullptr, 16));
-        }
+        bytes += hexText(d, d.words[w]);
     }
     return bytes;
 }
@@ -194,23 +201,6 @@ InquiryFields inquiryFields(const Directive& d, InquiryFields fields)
         }
     }
     return fields;
-}
-
-// The bytes of one hexadecimal text, two digits a byte.
-std::string hexText(const Directive& d, const std::string& text)
-{
-    std::string bytes;
-    if (text.size() % 2 != 0) {
-        d.fail("odd number of hexadecimal digits: " + text);
-    }
-    for (size_t i = 0; i < text.size(); i += 2) {
-        if (!std::isxdigit(static_cast<unsigned char>(text[i])) ||
-            !std::isxdigit(static_cast<unsigned char>(text[i + 1]))) {
-            d.fail("not hexadecimal: " + text);
-        }
-        bytes += static_cast<char>(std::strtol(text.substr(i, 2).c_str(), nullptr, 16));
-    }
-    return bytes;
 }
 
 // status STATUS [data=HEX] [sense=HEX], from word 3 on: a reply exactly as a

@@ -128,6 +128,16 @@ std::string scsiCommandWord(int opcode)
     }
 }
 
+const RecordedIoctl* firstAnswer(const RecordedPath& node, unsigned long request)
+{
+    for (const auto& call : node.ioctls) {
+        if (call.request == request && call.result >= 0) {
+            return &call;
+        }
+    }
+    return nullptr;
+}
+
 namespace {
 
 // The requests whose every call a model answers from lines of its own, in order.

@@ -46,6 +46,9 @@ std::string fileNameOf(const std::string& text);
 // The SCSI command name that sg-reply and ide-packet lines take.
 std::string scsiCommandWord(int opcode);
 
+// The first call of a request on a node that succeeded, or null.
+const RecordedIoctl* firstAnswer(const RecordedPath& node, unsigned long request);
+
 // The directives of one recorded device node, by model. Each gives false
 // when the node's ioctls are not those of its model.
 bool writeSgNode(MachineText& out, const std::string& path, const RecordedPath& node);

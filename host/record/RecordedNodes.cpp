@@ -12,16 +12,6 @@ namespace host {
 
 namespace {
 
-const RecordedIoctl* firstAnswer(const RecordedPath& node, unsigned long request)
-{
-    for (const auto& call : node.ioctls) {
-        if (call.request == request && call.result >= 0) {
-            return &call;
-        }
-    }
-    return nullptr;
-}
-
 // The dialogue as a modem file: each command with the pieces of its reply.
 // A command written again keeps the reply it had the first time.
 std::string modemText(const std::vector<RecordedExchange>& dialogue)

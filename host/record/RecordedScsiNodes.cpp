@@ -19,17 +19,6 @@ namespace host {
 
 namespace {
 
-// The first call of a request that succeeded, or null.
-const RecordedIoctl* answered(const RecordedPath& node, unsigned long request)
-{
-    for (const auto& call : node.ioctls) {
-        if (call.request == request && call.result >= 0) {
-            return &call;
-        }
-    }
-    return nullptr;
-}
-
 bool made(const RecordedPath& node, unsigned long request)
 {
     for (const auto& call : node.ioctls) {
@@ -76,7 +65,7 @@ void writeReplies(MachineText& out, const std::string& directive, const std::str
 
 std::string identityOption(MachineText& out, const std::string& path, const RecordedPath& node)
 {
-    const RecordedIoctl* identity = answered(node, HDIO_GET_IDENTITY);
+    const RecordedIoctl* identity = firstAnswer(node, HDIO_GET_IDENTITY);
     if (identity == nullptr || identity->output.size() != 512) {
         return "";
     }
@@ -96,12 +85,12 @@ bool writeSgNode(MachineText& out, const std::string& path, const RecordedPath& 
     std::memset(&id, 0, sizeof id);
     id.h_cmd_per_lun = 1;
     id.d_queue_depth = 1;
-    const RecordedIoctl* address = answered(node, SG_GET_SCSI_ID);
+    const RecordedIoctl* address = firstAnswer(node, SG_GET_SCSI_ID);
     if (address != nullptr && address->output.size() == sizeof id) {
         std::memcpy(&id, address->output.data(), sizeof id);
     }
     int emulated = 0;
-    const RecordedIoctl* emulation = answered(node, SG_EMULATED_HOST);
+    const RecordedIoctl* emulation = firstAnswer(node, SG_EMULATED_HOST);
     if (emulation != nullptr && emulation->output.size() == sizeof emulated) {
         std::memcpy(&emulated, emulation->output.data(), sizeof emulated);
     }
@@ -109,11 +98,11 @@ bool writeSgNode(MachineText& out, const std::string& path, const RecordedPath& 
              " id=" + std::to_string(id.scsi_id) + " lun=" + std::to_string(id.lun) +
              " type=" + std::to_string(id.scsi_type) + " emulated=" + (emulated != 0 ? "1" : "0") +
              " cmd-per-lun=" + std::to_string(id.h_cmd_per_lun) + " queue-depth=" + std::to_string(id.d_queue_depth));
-    const RecordedIoctl* probe = answered(node, SCSI_IOCTL_PROBE_HOST);
+    const RecordedIoctl* probe = firstAnswer(node, SCSI_IOCTL_PROBE_HOST);
     if (probe != nullptr && !probe->output.empty()) {
         out.line("sg-probe-host " + path + " " + escaped(probe->output));
     }
-    const RecordedIoctl* parent = answered(node, kScsiIoctlGetPci);
+    const RecordedIoctl* parent = firstAnswer(node, kScsiIoctlGetPci);
     if (parent != nullptr) {
         out.line("sg-pci " + path + " " + escaped(parent->output));
     }
@@ -128,7 +117,7 @@ bool writeBlockNode(MachineText& out, const std::string& path, const RecordedPat
     if (!scsi && !made(node, HDIO_GET_IDENTITY) && !made(node, CDROM_SEND_PACKET)) {
         return false;
     }
-    const RecordedIoctl* idLun = answered(node, SCSI_IOCTL_GET_IDLUN);
+    const RecordedIoctl* idLun = firstAnswer(node, SCSI_IOCTL_GET_IDLUN);
     if (scsi && idLun != nullptr && idLun->output.size() == 2 * sizeof(int)) {
         unsigned int packed = 0;
         int uniqueId = 0;
@@ -138,7 +127,7 @@ bool writeBlockNode(MachineText& out, const std::string& path, const RecordedPat
                  " channel=" + std::to_string((packed >> 16) & 0xFF) + " id=" + std::to_string(packed & 0xFF) +
                  " lun=" + std::to_string((packed >> 8) & 0xFF) + " unique-id=" + std::to_string(uniqueId) +
                  identityOption(out, path, node));
-        const RecordedIoctl* parent = answered(node, kScsiIoctlGetPci);
+        const RecordedIoctl* parent = firstAnswer(node, kScsiIoctlGetPci);
         if (parent != nullptr) {
             out.line("scsi-block-pci " + path + " " + escaped(parent->output));
         }
