@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -77,22 +76,16 @@ void need(int line, const std::vector<std::string>& words, size_t count, const c
 std::shared_ptr<UsbfsModel> UsbfsModel::parse(const std::string& text)
 {
     auto model = std::make_shared<UsbfsModel>();
-    std::istringstream lines(text);
-    std::string line;
     int number = 0;
-    while (std::getline(lines, line)) {
+    eachLine(text, [&](std::string& line) {
         ++number;
         if (!line.empty() && line.back() == '\r') {
             line.pop_back();
         }
-        std::istringstream split(line);
         std::vector<std::string> words;
-        std::string word;
-        while (split >> word) {
-            words.push_back(word);
-        }
+        splitWords(line, words);
         if (words.empty() || words[0][0] == '#') {
-            continue;
+            return;
         }
         const std::string& key = words[0];
         if (key == "device") {
@@ -147,7 +140,7 @@ std::shared_ptr<UsbfsModel> UsbfsModel::parse(const std::string& text)
         } else {
             bad(number, "unknown line '" + key + "'");
         }
-    }
+    });
     return model;
 }
 
