@@ -52,8 +52,8 @@ void FakeFileTree::add(const std::string& rawPath, Entry entry)
     }
     auto it = m_entries.find(path);
     if (it == m_entries.end()) {
-        m_children[parent].push_back(baseOf(path));
-        m_entries.emplace(path, std::move(entry));
+        const Entry& added = m_entries.emplace(path, std::move(entry)).first->second;
+        m_children[parent].emplace_back(baseOf(path), &added);
     } else {
         it->second = std::move(entry);
     }
@@ -135,9 +135,9 @@ std::vector<std::pair<std::string, unsigned char>> FakeFileTree::children(const 
     if (it == m_children.end()) {
         return result;
     }
-    std::string prefix = key == "/" ? "/" : key + "/";
-    for (const auto& name : it->second) {
-        result.emplace_back(name, m_entries.at(prefix + name).type);
+    result.reserve(2 + it->second.size());
+    for (const auto& child : it->second) {
+        result.emplace_back(child.first, child.second->type);
     }
     return result;
 }
