@@ -8,7 +8,12 @@ namespace host {
 
 std::string FakeFileTree::normalise(const std::string& path)
 {
+    // Most paths are written clean: no double slash, no slash at the end.
+    if (path.find("//") == std::string::npos && (path.size() <= 1 || path.back() != '/')) {
+        return path;
+    }
     std::string result;
+    result.reserve(path.size());
     for (char c : path) {
         if (c == '/' && !result.empty() && result.back() == '/') {
             continue;

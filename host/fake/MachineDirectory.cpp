@@ -141,26 +141,20 @@ bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 void splitWords(const std::string& line, std::vector<std::string>& words)
 {
-    // Counted first, so that a line of many bytes fills its list at once.
-    size_t count = 0;
-    bool inWord = false;
-    for (char c : line) {
-        bool blank = isBlank(c);
-        count += !blank && !inWord ? 1 : 0;
-        inWord = !blank;
-    }
-    words.reserve(words.size() + count);
-    size_t at = 0;
-    while (at < line.size()) {
-        while (at < line.size() && isBlank(line[at])) {
+    // Room for the words of most lines at once; longer lines grow the list.
+    words.reserve(words.size() + 16);
+    const char* at = line.data();
+    const char* const end = at + line.size();
+    while (at != end) {
+        while (at != end && isBlank(*at)) {
             ++at;
         }
-        size_t begin = at;
-        while (at < line.size() && !isBlank(line[at])) {
+        const char* begin = at;
+        while (at != end && !isBlank(*at)) {
             ++at;
         }
-        if (at > begin) {
-            words.emplace_back(line, begin, at - begin);
+        if (at != begin) {
+            words.emplace_back(begin, at);
         }
     }
 }
