@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 
 const char* c_pNodeStr = nullptr;
@@ -16,9 +17,10 @@ int selectNodes(const dirent* entry)
     if (entry == nullptr || c_pNodeStr == nullptr) {
         return 0;
     }
-    std::string name(entry->d_name);
-    // d_type 10 is a symbolic link.
-    return name.find(c_pNodeStr) == 0 && entry->d_type != 10 ? 1 : 0;
+    // The name begins with the prefix (find gives 0 exactly then), read in
+    // place; d_type 10 is a symbolic link.
+    const bool begins = std::strncmp(entry->d_name, c_pNodeStr, std::strlen(c_pNodeStr)) == 0;
+    return begins && entry->d_type != 10 ? 1 : 0;
 }
 
 namespace Vantrel {
