@@ -127,26 +127,39 @@ Machine& machine() { return g_current != nullptr ? *g_current : liveMachine(); }
 
 namespace {
 
-// SYSFS_PATH as the machine in use wants it.
-void pointLibsysfs()
+// SYSFS_PATH as the process had it.
+void restoreProcessSysfsPath()
 {
     const ProcessSysfsPath& original = processSysfsPath();
-    const char* root = machine().sysfsRoot();
-    if (root != nullptr) {
-        ::setenv(kSysfsPath, root, 1);
-    } else if (original.set) {
+    if (original.set) {
         ::setenv(kSysfsPath, original.value.c_str(), 1);
     } else {
         ::unsetenv(kSysfsPath);
     }
 }
 
+// SYSFS_PATH as the machine in use wants it.
+void pointLibsysfs()
+{
+    const char* root = machine().sysfsRoot();
+    if (root != nullptr) {
+        ::setenv(kSysfsPath, root, 1);
+    } else {
+        restoreProcessSysfsPath();
+    }
+}
+
 } // namespace
 
+// A machine that is put in place does not point libsysfs yet: prepareSysfs,
+// which comes before every question to libsysfs, does. A fake machine's
+// sysfs is handed over through an alias (a folder and a link made on disk),
+// and most runs never ask sysfs anything. Until then libsysfs sees what the
+// process itself would, never the folder of a machine that is gone.
 void use(Machine* machine)
 {
     g_current = machine;
-    pointLibsysfs();
+    restoreProcessSysfsPath();
 }
 
 bool prepareSysfs()

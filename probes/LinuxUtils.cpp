@@ -1,14 +1,13 @@
 #include "probes/LinuxUtils.h"
 
 #include "host/Host.h"
+#include "probes/HexText.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
-#include <limits>
+#include <cstring>
 #include <sstream>
-#include <string_view>
 
 const char* c_pNodeStr = nullptr;
 
@@ -18,9 +17,10 @@ int selectNodes(const dirent* entry)
     if (entry == nullptr || c_pNodeStr == nullptr) {
         return 0;
     }
-    std::string name(entry->d_name);
-    // d_type 10 is a symbolic link.
-    return name.find(c_pNodeStr) == 0 && entry->d_type != 10 ? 1 : 0;
+    // The name begins with the prefix (find gives 0 exactly then), read in
+    // place; d_type 10 is a symbolic link.
+    const bool begins = std::strncmp(entry->d_name, c_pNodeStr, std::strlen(c_pNodeStr)) == 0;
+    return begins && entry->d_type != 10 ? 1 : 0;
 }
 
 namespace Vantrel {
@@ -35,66 +35,6 @@ const char* const kPortTypeTexts[] = {
     "",
 };
 const int kPortTypeCount = sizeof kPortTypeTexts / sizeof kPortTypeTexts[0];
-
-bool isStreamSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
-int hexDigit(char c)
-{
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
-// A hexadecimal int read the way a stream in hex mode reads it, without
-// building one: leading white space, one sign, an optional 0x or 0X, then
-// the digits up to the first other character. No digits read as 0; a value
-// outside int stands at the nearest end of int.
-int readHex(std::string_view text)
-{
-    const char* at = text.data();
-    const char* const end = at + text.size();
-    while (at != end && isStreamSpace(*at)) {
-        ++at;
-    }
-    bool negative = false;
-    if (at != end && (*at == '-' || *at == '+')) {
-        negative = *at == '-';
-        ++at;
-    }
-    if (end - at >= 2 && at[0] == '0' && (at[1] == 'x' || at[1] == 'X')) {
-        at += 2;
-    }
-    // Past 2^32 the value is out of int either way; the digits still count.
-    const unsigned long long kBeyond = 1ULL << 32;
-    unsigned long long magnitude = 0;
-    for (; at != end; ++at) {
-        int digit = hexDigit(*at);
-        if (digit < 0) {
-            break;
-        }
-        if (magnitude < kBeyond) {
-            magnitude = magnitude * 16 + static_cast<unsigned long long>(digit);
-        }
-    }
-    const unsigned long long kLargest = static_cast<unsigned long long>(std::numeric_limits<int>::max());
-    if (negative) {
-        if (magnitude > kLargest + 1) {
-            return std::numeric_limits<int>::min();
-        }
-        return static_cast<int>(-static_cast<long long>(magnitude));
-    }
-    if (magnitude > kLargest) {
-        return std::numeric_limits<int>::max();
-    }
-    return static_cast<int>(magnitude);
-}
 
 } // namespace
 
@@ -139,26 +79,7 @@ std::string LinuxUtils::toString(const char* format, ...)
 
 void LinuxUtils::extractBusDevFn(const std::string& text, int& bus, int& device, int& function) const
 {
-    // 1, 2. Without the domain, if there is one. A search that finds nothing
-    //       gives npos, so a text without a colon or a point is taken whole.
-    //       The two beginnings up to the first and the last colon are one
-    //       text exactly when they are equally long. The parts are views
-    //       of the text, not copies: no start below lies behind its end.
-    size_t first = text.find(':');
-    size_t last = text.rfind(':');
-    std::string_view working(text);
-    if (std::min(first, text.size()) != std::min(last, text.size())) {
-        working = working.substr(first + 1, last);
-    }
-    // 3. The bus, up to the first colon.
-    size_t colon = working.find(':');
-    bus = readHex(working.substr(0, colon));
-    // 4. The device, behind that colon up to the first point.
-    size_t point = working.find('.');
-    device = readHex(working.substr(colon + 1, point - (colon + 1)));
-    // 5. The function, behind the last point.
-    size_t lastPoint = working.rfind('.');
-    function = readHex(working.substr(lastPoint + 1));
+    splitBusDevFn(text, bus, device, function);
 }
 
 int LinuxUtils::fromHexToInt(const std::string& text) { return readHex(text); }

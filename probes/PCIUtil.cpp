@@ -1,11 +1,14 @@
 #include "probes/PCIUtil.h"
 
 #include "host/Host.h"
+#include "probes/HexText.h"
 #include "probes/LinuxUtils.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 namespace Vantrel {
@@ -23,14 +26,28 @@ bool isHiddenDevice(int deviceId)
 
 bool contains(const char* line, const char* word) { return std::strstr(line, word) != nullptr; }
 
+// fgets and feof without the stream's lock: each pipe is read by this
+// function alone, on one thread, so the lock taken for every line buys
+// nothing.
+char* readLine(char* line, FILE* pipe) { return fgets_unlocked(line, static_cast<int>(kLineSize), pipe); }
+
+bool atEnd(FILE* pipe) { return feof_unlocked(pipe) != 0; }
+
 // fgets leaves the newline in; the last character is cut whatever it is.
-// The line goes into text, whose room is kept from one line to the next.
-void takeLine(char* line, std::string& text)
+// The length of what is left.
+size_t cutLastCharacter(char* line)
 {
     size_t length = std::strlen(line);
     if (length > 0) {
         line[--length] = '\0';
     }
+    return length;
+}
+
+// The line, cut, goes into text, whose room is kept from one line to the next.
+void takeLine(char* line, std::string& text)
+{
+    size_t length = cutLastCharacter(line);
     text.assign(line, length);
 }
 
@@ -48,16 +65,18 @@ bool wordAt(const char* at, const char* end, const char* word, size_t length)
 }
 
 // Every word the line holds, anywhere in it, found in one pass: the same
-// answers as a search for each word in turn. The line holds no zero byte
-// (it was cut at the first), so the letters that begin a word are found by
-// strpbrk, and only there are the words compared.
-unsigned vWordsIn(const std::string& line)
+// answers as a search for each word in turn. The line ends at its first zero
+// byte (length is its strlen), so strpbrk finds the capitals that begin the
+// other words and the colon that ends "pcilib:", letters that few lines
+// hold more than once; only there are the words compared.
+unsigned vWordsIn(const char* line, size_t length)
 {
     unsigned found = 0;
-    const char* const end = line.c_str() + line.size();
-    for (const char* at = std::strpbrk(line.c_str(), "pIB"); at != nullptr; at = std::strpbrk(at + 1, "pIB")) {
-        if (*at == 'p') {
-            if (wordAt(at, end, "pcilib:", 7)) {
+    const char* const begin = line;
+    const char* const end = begin + length;
+    for (const char* at = std::strpbrk(begin, "IB:"); at != nullptr; at = std::strpbrk(at + 1, "IB:")) {
+        if (*at == ':') {
+            if (at - begin >= 6 && std::memcmp(at - 6, "pcilib:", 7) == 0) {
                 found |= kPcilib;
             }
         } else if (*at == 'I') {
@@ -73,21 +92,47 @@ unsigned vWordsIn(const std::string& line)
     return found;
 }
 
-// std::string::find of a word of a few letters, by hand: the same position,
-// without a library call for every letter the word begins with.
-size_t findWord(const std::string& line, const char* word, size_t length)
+// Whether "0000:" stands anywhere in the line, read in one pass as four
+// zeros (or more) straight before a colon: the answer of a search for it,
+// without a library call for every zero the line holds.
+bool holdsZeroDomain(const std::string& line)
 {
-    const char* const data = line.data();
-    const size_t size = line.size();
-    if (length > size) {
-        return std::string::npos;
+    size_t zeros = 0;
+    for (char c : line) {
+        if (c == ':' && zeros >= 4) {
+            return true;
+        }
+        zeros = c == '0' ? zeros + 1 : 0;
     }
-    for (size_t i = 0; i + length <= size; ++i) {
-        if (data[i] == word[0] && std::memcmp(data + i, word, length) == 0) {
+    return false;
+}
+
+// line.find_first_of("(r", from), in one pass without a search of the set
+// for every character.
+size_t firstParenthesisOrR(const std::string& line, size_t from)
+{
+    for (size_t i = from; i < line.size(); ++i) {
+        if (line[i] == '(' || line[i] == 'r') {
             return i;
         }
     }
     return std::string::npos;
+}
+
+// A start in the line, checked as std::string::substr checks it: one behind
+// the end throws the very std::out_of_range that substr throws.
+size_t checkedStart(const std::string& line, size_t start)
+{
+    if (start > line.size()) {
+        static_cast<void>(line.substr(start));
+    }
+    return start;
+}
+
+// A part of the line as std::string::substr cuts it, without the copy.
+std::string_view part(const std::string& line, size_t start, size_t count)
+{
+    return std::string_view(line).substr(checkedStart(line, start), count);
 }
 
 } // namespace
@@ -129,26 +174,33 @@ int PCIUtil::initPciUtil()
     //    the other. The end test follows the read, so an unterminated last line
     //    is dropped and the shorter text ends the pass.
     for (;;) {
-        std::fgets(nLine, kLineSize, nPipe);
-        std::fgets(mLine, kLineSize, mPipe);
-        if (std::feof(nPipe)) {
+        readLine(nLine, nPipe);
+        readLine(mLine, mPipe);
+        if (atEnd(nPipe)) {
             break;
         }
-        if (std::feof(mPipe)) {
+        if (atEnd(mPipe)) {
             break;
         }
         // Only the -n line is looked at, one line is skipped, and the end of
         // the texts is not tested again here.
         if (contains(nLine, "pcilib:")) {
-            std::fgets(nLine, kLineSize, nPipe);
-            std::fgets(mLine, kLineSize, mPipe);
+            readLine(nLine, nPipe);
+            readLine(mLine, mPipe);
         }
         takeLine(nLine, nText);
         takeLine(mLine, mText);
-        pci_device device;
-        parseN(nText, &device);
-        parseM(mText, &device);
-        m_allDevices.push_back(std::move(device));
+        // The device is parsed in its place at the end of the inventory; a
+        // line that throws takes it out again, so the inventory holds only
+        // whole devices, as if it had been parsed aside.
+        pci_device& device = m_allDevices.emplace_back();
+        try {
+            parseN(nText, &device);
+            parseM(mText, &device);
+        } catch (...) {
+            m_allDevices.pop_back();
+            throw;
+        }
     }
 
     // 4. The -v pass.
@@ -167,10 +219,10 @@ int PCIUtil::initPciUtil()
     if (!m_allDevices.empty()) {
         m_allDevices[0].irq = 0;
     }
-    while (std::fgets(vLine, kLineSize, vPipe) != nullptr) {
-        takeLine(vLine, vText);
+    while (readLine(vLine, vPipe) != nullptr) {
+        const size_t length = cutLastCharacter(vLine);
         // The words are sought once, all of them in one pass.
-        const unsigned words = vWordsIn(vText);
+        const unsigned words = vWordsIn(vLine, length);
         if (words & kPcilib) {
             continue;
         }
@@ -185,6 +237,10 @@ int PCIUtil::initPciUtil()
             // A text with more blocks than the inventory writes nothing past
             // its end: those details are parsed and dropped.
             pci_device& device = current < m_allDevices.size() ? m_allDevices[current] : beyondTheInventory;
+            // Only a line that is parsed is made a text.
+            if (words & (kIrq | kBusColon | kIoPortsAt)) {
+                vText.assign(vLine, length);
+            }
             if (words & kIrq) {
                 device.irq = parseIRQ(vText);
             }
@@ -212,8 +268,7 @@ int PCIUtil::initPciUtil()
 // That is what lets the shell's one-line complaint pass as a device.
 void PCIUtil::parseN(const std::string& line, pci_device* device)
 {
-    LinuxUtils utils;
-    const bool hasClass = findWord(line, "Class", 5) != std::string::npos;
+    const bool hasClass = line.find("Class") != std::string::npos;
 
     // 1. Where the class starts and the slot ends.
     size_t start;
@@ -229,38 +284,38 @@ void PCIUtil::parseN(const std::string& line, pci_device* device)
     }
 
     // 2. The slot, without a domain on the shape with the word Class.
-    if (findWord(line, "0000:", 5) != std::string::npos) {
+    if (holdsZeroDomain(line)) {
         device->busDevFn = line.substr(5, slotEnd - 5);
     } else {
         device->busDevFn = line.substr(0, slotEnd);
     }
 
     // 3. Bus, device and function from the slot.
-    utils.extractBusDevFn(device->busDevFn, device->bus, device->device, device->function);
+    splitBusDevFn(device->busDevFn, device->bus, device->device, device->function);
 
     // 4. The class code.
     size_t k = line.find(':', start);
     size_t classBegin = hasClass ? start + 6 : start;
     device->className = line.substr(classBegin, k - classBegin);
-    device->classCode = utils.fromHexToInt(device->className);
+    device->classCode = readHex(device->className);
 
     // 5. The vendor.
     size_t m = line.find(':', k + 1);
-    device->vendorId = utils.fromHexToInt(line.substr(k + 2, m - (k + 2)));
+    device->vendorId = readHex(part(line, k + 2, m - (k + 2)));
 
     // 6. The device: up to the first "(" or "r", a set of characters, not a word.
-    size_t r = line.find_first_of("(r", m);
+    size_t r = firstParenthesisOrR(line, m);
     if (r != std::string::npos) {
-        device->deviceId = utils.fromHexToInt(line.substr(m + 1, (r - 1) - (m + 1)));
+        device->deviceId = readHex(part(line, m + 1, (r - 1) - (m + 1)));
     } else {
-        device->deviceId = utils.fromHexToInt(line.substr(m + 1));
+        device->deviceId = readHex(part(line, m + 1, std::string::npos));
         return;
     }
 
-    // 7. The revision, read as decimal on purpose: 02 gives 2, 1a gives 1, a1 gives 0.
-    size_t close = line.find(')', r);
-    std::string revisionText = line.substr(r + 4, close - (r + 4));
-    device->revision = std::strtol(revisionText.c_str(), nullptr, 10);
+    // 7. The revision, read as decimal on purpose: 02 gives 2, 1a gives 1, a1
+    //    gives 0. The digits end at the ")" or before it, so they are read in
+    //    the line itself.
+    device->revision = std::strtol(line.c_str() + checkedStart(line, r + 4), nullptr, 10);
 }
 
 void PCIUtil::parseM(const std::string& line, pci_device* device)
@@ -284,11 +339,11 @@ void PCIUtil::parseM(const std::string& line, pci_device* device)
     name.append(device->vendorName).append(1, ' ').append(line, q5 + 1, deviceLength);
 
     // The test is on the whole line: a name with USB in it counts.
-    if (findWord(line, "USB", 3) == std::string::npos) {
+    if (line.find("USB") == std::string::npos) {
         device->progIf = -1;
-    } else if (findWord(line, " -p10 ", 6) != std::string::npos) {
+    } else if (line.find(" -p10 ") != std::string::npos) {
         device->progIf = 10;
-    } else if (findWord(line, " -p20 ", 6) != std::string::npos) {
+    } else if (line.find(" -p20 ") != std::string::npos) {
         device->progIf = 20;
     } else {
         device->progIf = 0;
@@ -297,22 +352,21 @@ void PCIUtil::parseM(const std::string& line, pci_device* device)
 
 void PCIUtil::parseBusDetails(const std::string& line, int& primary, int& secondary, int& subordinate)
 {
-    LinuxUtils utils;
     size_t at = line.find("primary=");
     if (at == std::string::npos) {
         return;
     }
-    primary = utils.fromHexToInt(line.substr(at + 8, 2));
+    primary = readHex(part(line, at + 8, 2));
     at = line.find("secondary=");
     if (at == std::string::npos) {
         return;
     }
-    secondary = utils.fromHexToInt(line.substr(at + 10, 2));
+    secondary = readHex(part(line, at + 10, 2));
     at = line.find("subordinate=");
     if (at == std::string::npos) {
         return;
     }
-    subordinate = utils.fromHexToInt(line.substr(at + 12, 2));
+    subordinate = readHex(part(line, at + 12, 2));
 }
 
 int PCIUtil::parseIRQ(const std::string& line)

@@ -1496,6 +1496,24 @@ TEST(CSysfsReaderSeamTest, TheLiveMachineGetsItsOwnSysfsPathBack)
     EXPECT_EQ(after != nullptr ? after : "(unset)", original);
 }
 
+TEST(CSysfsReaderSeamTest, AMachinePutInPlacePointsLibsysfsOnlyWhenItIsAsked)
+{
+    host::prepareSysfs();
+    const char* before = std::getenv("SYSFS_PATH");
+    const std::string original = before != nullptr ? before : "(unset)";
+    SysfsTree tree;
+    host::FakeMachine machine;
+    machine.setSysfs(tree.root());
+    host::ScopedMachine scope{machine};
+    // Nothing is made for sysfs yet: libsysfs sees what the process would.
+    const char* placed = std::getenv("SYSFS_PATH");
+    EXPECT_EQ(placed != nullptr ? placed : "(unset)", original);
+    EXPECT_TRUE(host::prepareSysfs());
+    ASSERT_NE(std::getenv("SYSFS_PATH"), nullptr);
+    EXPECT_STREQ(std::getenv("SYSFS_PATH"), machine.sysfsRoot());
+    EXPECT_TRUE(fs::is_symlink(machine.sysfsRoot()));
+}
+
 TEST(CSysfsReaderSeamTest, TheFakeFolderIsHandedOnThroughAShortAlias)
 {
     SysfsTree tree(std::string("/tmp/") + std::string(80, 'p'));

@@ -1,4 +1,5 @@
 #include "host/fake/FakeMachine.h"
+#include "host/models/MemoryModel.h"
 #include "host/models/Models.h"
 #include "host/fake/MachineDirectory.h"
 #include "tests/support/Machines.h"
@@ -14,6 +15,8 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 using namespace Vantrel::Ostrand;
 
@@ -214,6 +217,140 @@ TEST(FakeMachineTest, PhysicalMemoryMapsAreasAndZeros)
     EXPECT_EQ(host::read(fd, bytes, 4), 4);
     EXPECT_EQ(std::string(bytes, 4), "$PIR");
     host::close(fd);
+}
+
+TEST(FakeMachineTest, AReadOnlyMappingOfOneAreaShowsTheSameBytesEachTime)
+{
+    host::FakeMachine machine;
+    auto memory = std::make_shared<host::MemoryModel>();
+    std::string bios(0x10000, '\0');
+    bios.replace(0x10, 4, "$PIR");
+    memory->place(0xF0000, bios);
+    machine.addNode("/dev/mem", 'c', memory);
+    host::ScopedMachine scope{machine};
+    int fd = host::open("/dev/mem", O_RDONLY);
+    auto* first = static_cast<unsigned char*>(host::mmap(nullptr, 0x10000, PROT_READ, MAP_SHARED, fd, 0xF0000));
+    auto* second = static_cast<unsigned char*>(host::mmap(nullptr, 0x100, PROT_READ, MAP_SHARED, fd, 0xF0010));
+    ASSERT_NE(first, MAP_FAILED);
+    ASSERT_NE(second, MAP_FAILED);
+    // Both show the area itself: no copy is made for either.
+    EXPECT_EQ(second, first + 0x10);
+    EXPECT_EQ(std::memcmp(second, "$PIR", 4), 0);
+    EXPECT_EQ(machine.openMappings(), 2u);
+    // The same bytes mapped twice at once are two mappings, unmapped one by one.
+    auto* again = static_cast<unsigned char*>(host::mmap(nullptr, 0x10000, PROT_READ, MAP_SHARED, fd, 0xF0000));
+    EXPECT_EQ(again, first);
+    EXPECT_EQ(machine.openMappings(), 3u);
+    EXPECT_EQ(host::munmap(first, 0x10000), 0);
+    EXPECT_EQ(host::munmap(again, 0x10000), 0);
+    EXPECT_EQ(host::munmap(again, 0x10000), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(host::munmap(second, 0x100), 0);
+    EXPECT_EQ(machine.openMappings(), 0u);
+    host::close(fd);
+}
+
+TEST(FakeMachineTest, AWritableMappingOrOneThatRunsIntoZerosIsACopy)
+{
+    host::FakeMachine machine;
+    auto memory = std::make_shared<host::MemoryModel>();
+    memory->place(0xF0000, "ABCD");
+    memory->place(0xF0008, "EFGH");
+    machine.addNode("/dev/mem", 'c', memory);
+    host::ScopedMachine scope{machine};
+    int fd = host::open("/dev/mem", O_RDWR);
+    // Writable: a copy of its own, which the area does not see.
+    auto* writable = static_cast<char*>(host::mmap(nullptr, 4, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0xF0000));
+    ASSERT_NE(writable, MAP_FAILED);
+    writable[0] = 'X';
+    auto* shown = static_cast<char*>(host::mmap(nullptr, 4, PROT_READ, MAP_SHARED, fd, 0xF0000));
+    ASSERT_NE(shown, MAP_FAILED);
+    EXPECT_NE(shown, writable);
+    EXPECT_EQ(std::string(shown, 4), "ABCD");
+    // Past the end of the area, and over the next area: zeros and both areas.
+    auto* wide = static_cast<char*>(host::mmap(nullptr, 12, PROT_READ, MAP_SHARED, fd, 0xF0000));
+    ASSERT_NE(wide, MAP_FAILED);
+    EXPECT_EQ(std::string(wide, 12), std::string("ABCD\0\0\0\0EFGH", 12));
+    // A range inside the first area that the next area, placed above, overlays.
+    memory->place(0xF0002, "yz");
+    auto* overlaid = static_cast<char*>(host::mmap(nullptr, 4, PROT_READ, MAP_SHARED, fd, 0xF0000));
+    ASSERT_NE(overlaid, MAP_FAILED);
+    EXPECT_EQ(std::string(overlaid, 4), "AByz");
+    EXPECT_EQ(machine.openMappings(), 4u);
+    for (void* area : {static_cast<void*>(writable), static_cast<void*>(shown), static_cast<void*>(wide),
+                       static_cast<void*>(overlaid)}) {
+        EXPECT_EQ(host::munmap(area, 4), 0);
+    }
+    EXPECT_EQ(machine.openMappings(), 0u);
+    host::close(fd);
+}
+
+TEST(FakeMachineTest, AFileIsMappedInPlaceWhileItHoldsTheRange)
+{
+    host::FakeMachine machine;
+    machine.addFile("/sys/firmware/dmi/tables/DMI", "0123456789");
+    host::ScopedMachine scope{machine};
+    int fd = host::open("/sys/firmware/dmi/tables/DMI", O_RDONLY);
+    auto* inside = static_cast<char*>(host::mmap(nullptr, 4, PROT_READ, MAP_SHARED, fd, 6));
+    auto* beyond = static_cast<char*>(host::mmap(nullptr, 8, PROT_READ, MAP_SHARED, fd, 6));
+    ASSERT_NE(inside, MAP_FAILED);
+    ASSERT_NE(beyond, MAP_FAILED);
+    EXPECT_EQ(std::string(inside, 4), "6789");
+    EXPECT_NE(beyond, inside);
+    EXPECT_EQ(std::string(beyond, 8), std::string("6789\0\0\0\0", 8));
+    EXPECT_EQ(host::munmap(inside, 4), 0);
+    EXPECT_EQ(host::munmap(beyond, 8), 0);
+    host::close(fd);
+}
+
+TEST(FakeMachineTest, AListingKeepsTheOrderOfAddingAndTheTypeOfAReplacedEntry)
+{
+    host::FakeMachine machine;
+    machine.addFile("/dev/zz", "");
+    machine.addNode("/dev/sg0", 'c', nullptr);
+    machine.addLink("/dev/cdrom", "sg0");
+    // Added again: the same place, the new type.
+    machine.addDirectory("/dev/zz");
+    host::ScopedMachine scope{machine};
+    host::Dir* dir = host::opendir("/dev");
+    ASSERT_NE(dir, nullptr);
+    std::vector<std::pair<std::string, unsigned char>> seen;
+    while (struct dirent* entry = host::readdir(dir)) {
+        seen.emplace_back(entry->d_name, entry->d_type);
+    }
+    host::closedir(dir);
+    std::vector<std::pair<std::string, unsigned char>> expected = {
+        {".", DT_DIR}, {"..", DT_DIR}, {"zz", DT_DIR}, {"sg0", DT_CHR}, {"cdrom", DT_LNK}};
+    EXPECT_EQ(seen, expected);
+}
+
+TEST(FakeMachineTest, LinesAndWordsAreCutAsAStreamCutsThem)
+{
+    std::vector<std::string> lines;
+    host::eachLine("one\n\ntwo\r\nlast", [&](std::string& line) { lines.push_back(line); });
+    EXPECT_EQ(lines, (std::vector<std::string>{"one", "", "two\r", "last"}));
+    lines.clear();
+    host::eachLine("end\n", [&](std::string& line) { lines.push_back(line); });
+    EXPECT_EQ(lines, std::vector<std::string>{"end"});
+    lines.clear();
+    host::eachLine("", [&](std::string& line) { lines.push_back(line); });
+    EXPECT_TRUE(lines.empty());
+    std::vector<std::string> words;
+    host::splitWords(" \tusbfs\v/dev/bus/usb/001/001\f\r x ", words);
+    EXPECT_EQ(words, (std::vector<std::string>{"usbfs", "/dev/bus/usb/001/001", "x"}));
+    // A zero byte is no white space.
+    words.clear();
+    host::splitWords(std::string("a\0b c", 5), words);
+    EXPECT_EQ(words, (std::vector<std::string>{std::string("a\0b", 3), "c"}));
+}
+
+TEST(FakeMachineTest, AWholeFileIsReadAtItsSizeAndAFolderReadsAsNothing)
+{
+    const std::string path = std::string(OSTRAND_SOURCE_DIR) + "/samples/lab-server/firmware/f-segment.bin";
+    std::string bytes = host::readWholeFile(path);
+    EXPECT_EQ(bytes.size(), 65536u);
+    EXPECT_EQ(host::readWholeFile(std::string(OSTRAND_SOURCE_DIR) + "/samples"), "");
+    EXPECT_THROW(host::readWholeFile(std::string(OSTRAND_SOURCE_DIR) + "/no/such/file"), host::MachineDirectoryError);
 }
 
 TEST(FakeMachineTest, SemaphoresKeepTheirValue)

@@ -2,6 +2,7 @@
 
 #include "usb/lsusbParser.h"
 
+#include <cstdio>
 #include <cstring>
 
 namespace Vantrel {
@@ -18,7 +19,9 @@ bool beginsDevice(const char* line) { return contains(line, "Bus 0") && !contain
 
 bool readToolLine(FILE* stream, char* buffer)
 {
-    while (std::fgets(buffer, static_cast<int>(kLsusbLineSize), stream) != nullptr) {
+    // Without the stream's lock: a tool's stream is read by one caller, on
+    // one thread, and the lock taken for every line buys nothing.
+    while (fgets_unlocked(buffer, static_cast<int>(kLsusbLineSize), stream) != nullptr) {
         size_t length = std::strlen(buffer);
         if (length == 1) {
             continue;

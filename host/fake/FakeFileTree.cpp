@@ -8,7 +8,12 @@ namespace host {
 
 std::string FakeFileTree::normalise(const std::string& path)
 {
+    // Most paths are written clean: no double slash, no slash at the end.
+    if (path.find("//") == std::string::npos && (path.size() <= 1 || path.back() != '/')) {
+        return path;
+    }
     std::string result;
+    result.reserve(path.size());
     for (char c : path) {
         if (c == '/' && !result.empty() && result.back() == '/') {
             continue;
@@ -52,8 +57,8 @@ void FakeFileTree::add(const std::string& rawPath, Entry entry)
     }
     auto it = m_entries.find(path);
     if (it == m_entries.end()) {
-        m_children[parent].push_back(baseOf(path));
-        m_entries.emplace(path, std::move(entry));
+        const Entry& added = m_entries.emplace(path, std::move(entry)).first->second;
+        m_children[parent].emplace_back(baseOf(path), &added);
     } else {
         it->second = std::move(entry);
     }
@@ -135,9 +140,9 @@ std::vector<std::pair<std::string, unsigned char>> FakeFileTree::children(const 
     if (it == m_children.end()) {
         return result;
     }
-    std::string prefix = key == "/" ? "/" : key + "/";
-    for (const auto& name : it->second) {
-        result.emplace_back(name, m_entries.at(prefix + name).type);
+    result.reserve(2 + it->second.size());
+    for (const auto& child : it->second) {
+        result.emplace_back(child.first, child.second->type);
     }
     return result;
 }

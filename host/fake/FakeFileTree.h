@@ -28,6 +28,9 @@ public:
     };
 
     FakeFileTree();
+    // A listing points at the entries of its own tree: a tree is not copied.
+    FakeFileTree(const FakeFileTree&) = delete;
+    FakeFileTree& operator=(const FakeFileTree&) = delete;
     // Parent directories are implied. Adding a path again replaces its entry
     // and keeps its place in the listing.
     void add(const std::string& path, Entry entry);
@@ -47,7 +50,9 @@ public:
 
 private:
     std::map<std::string, Entry> m_entries;
-    std::map<std::string, std::vector<std::string>> m_children; // directory to names, in order of adding
+    // Directory to names and their entries, in order of adding. An entry that
+    // is added again is replaced in place, so the pointer stays good.
+    std::map<std::string, std::vector<std::pair<std::string, const Entry*>>> m_children;
 };
 
 } // namespace host

@@ -12,6 +12,7 @@
 #include <sys/ioctl.h>
 #include <stdexcept>
 #include <sys/mman.h>
+#include <utility>
 
 namespace Vantrel {
 namespace Ostrand {
@@ -38,13 +39,15 @@ FakeMachine::~FakeMachine()
         std::fclose(stream);
     }
     for (auto& mapping : m_mappings) {
-        std::free(mapping.first);
+        if (mapping.second.copied) {
+            std::free(mapping.first);
+        }
     }
 }
 
-void FakeMachine::addCommand(const std::string& commandLine, const std::string& output)
+void FakeMachine::addCommand(const std::string& commandLine, std::string output)
 {
-    m_outputs[commandLine] = std::make_shared<const std::string>(output);
+    m_outputs[commandLine] = std::make_shared<const std::string>(std::move(output));
 }
 
 void FakeMachine::addTools(const std::vector<std::string>& names)
@@ -57,9 +60,9 @@ void FakeMachine::addTools(const std::vector<std::string>& names)
     m_tools.insert(names.begin(), names.end());
 }
 
-void FakeMachine::addFile(const std::string& path, const std::string& bytes)
+void FakeMachine::addFile(const std::string& path, std::string bytes)
 {
-    m_tree.add(path, FakeFileTree::Entry{DT_REG, std::make_shared<FileModel>(bytes)});
+    m_tree.add(path, FakeFileTree::Entry{DT_REG, std::make_shared<FileModel>(std::move(bytes))});
 }
 
 void FakeMachine::addDirectory(const std::string& path) { m_tree.add(path, FakeFileTree::Entry{DT_DIR, nullptr}); }

@@ -35,7 +35,7 @@ public:
 
     // --- Description ---------------------------------------------------
     // The output of a command line, matched exactly as popen receives it.
-    void addCommand(const std::string& commandLine, const std::string& output);
+    void addCommand(const std::string& commandLine, std::string output);
     // What the shell prints for a command line with no entry; %s is its
     // first word. The default is bash's "sh: %s: command not found\n".
     void setMissingCommandText(const std::string& text) { m_missingCommand = text; }
@@ -47,7 +47,7 @@ public:
     void addTools(const std::vector<std::string>& names);
     const std::set<std::string>& tools() const { return m_tools; }
     // Entries of the file system. Parent directories are implied.
-    void addFile(const std::string& path, const std::string& bytes);
+    void addFile(const std::string& path, std::string bytes);
     void addDirectory(const std::string& path);
     // A symbolic link. Opening it opens its target (absolute, or relative to
     // the link's directory); a link without a target, or whose target is not
@@ -162,7 +162,13 @@ private:
     int m_nextFd = 3;
     std::vector<FILE*> m_streams;
     std::map<FILE*, std::shared_ptr<const std::string>> m_streamTexts;
-    std::map<void*, size_t> m_mappings;
+    // A mapping is the model's own bytes, or a copy of them that munmap frees.
+    // The same bytes can be mapped more than once at a time.
+    struct Mapping {
+        size_t length;
+        bool copied;
+    };
+    std::multimap<void*, Mapping> m_mappings;
     FakeSemaphores m_semaphores;
 
     std::vector<std::string> m_commands;

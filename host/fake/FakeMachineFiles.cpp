@@ -144,12 +144,21 @@ int FakeMachine::ioctl(int fd, unsigned long request, void* argument)
     return result;
 }
 
-void* FakeMachine::mmap(void*, size_t length, int, int, int fd, off_t offset)
+void* FakeMachine::mmap(void*, size_t length, int protection, int, int fd, off_t offset)
 {
     Descriptor* d = descriptor(fd);
     if (d == nullptr || length == 0) {
         errno = d == nullptr ? EBADF : EINVAL;
         return MAP_FAILED;
+    }
+    // A mapping that is only read shows the model's own bytes where it can,
+    // so that mapping the same area again copies nothing.
+    if (protection == PROT_READ) {
+        if (const unsigned char* kept = d->model->view(offset, length)) {
+            void* area = const_cast<unsigned char*>(kept);
+            m_mappings.emplace(area, Mapping{length, false});
+            return area;
+        }
     }
     auto* area = static_cast<unsigned char*>(std::malloc(length));
     if (area == nullptr || !d->model->map(offset, length, area)) {
@@ -157,7 +166,7 @@ void* FakeMachine::mmap(void*, size_t length, int, int, int fd, off_t offset)
         errno = ENODEV;
         return MAP_FAILED;
     }
-    m_mappings[area] = length;
+    m_mappings.emplace(area, Mapping{length, true});
     return area;
 }
 
@@ -167,7 +176,9 @@ int FakeMachine::munmap(void* address, size_t)
     if (it == m_mappings.end()) {
         return fail(EINVAL);
     }
-    std::free(it->first);
+    if (it->second.copied) {
+        std::free(it->first);
+    }
     m_mappings.erase(it);
     return 0;
 }

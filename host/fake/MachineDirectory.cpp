@@ -8,25 +8,61 @@
 #include <cerrno>
 #include <filesystem>
 #include <cstdlib>
-#include <fstream>
+#include <fcntl.h>
 #include <map>
-#include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace Vantrel {
 namespace Ostrand {
 namespace host {
 
+namespace {
+
+// The bytes of a file, read straight into the text: its size is asked first,
+// so a regular file takes one read and no copy. What a failed read leaves
+// out is left out, as a stream copying the file would leave it. False when
+// the file cannot be opened.
+bool readBytes(const std::string& path, std::string& bytes)
+{
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    // A regular file is read to the size it has; what says it is empty (as
+    // the files of /proc do) or is no regular file is read to its end.
+    struct stat info;
+    size_t size = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) ? static_cast<size_t>(info.st_size) : 0;
+    bytes.assign(size > 0 ? size : 4096, '\0');
+    size_t length = 0;
+    while (size == 0 || length < size) {
+        if (length == bytes.size()) {
+            bytes.resize(bytes.size() * 2 + 4096);
+        }
+        ssize_t count = ::read(fd, &bytes[length], bytes.size() - length);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            break;
+        }
+        length += static_cast<size_t>(count);
+    }
+    ::close(fd);
+    bytes.resize(length);
+    return true;
+}
+
+} // namespace
+
 std::string readWholeFile(const std::string& path)
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
+    std::string bytes;
+    if (!readBytes(path, bytes)) {
         throw MachineDirectoryError("cannot read " + path);
     }
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
+    return bytes;
 }
 
 std::string restOfLine(const std::string& line, size_t word)
@@ -52,16 +88,12 @@ std::string Directive::data(const std::string& relativePath) const
     }
     // Only a regular file: a device or a pipe named by a hand edit would never end.
     std::error_code error;
-    if (!std::filesystem::is_regular_file(directory + "/" + relativePath, error)) {
+    std::string bytes;
+    if (!std::filesystem::is_regular_file(directory + "/" + relativePath, error) ||
+        !readBytes(directory + "/" + relativePath, bytes)) {
         fail("cannot read data file " + relativePath);
     }
-    std::ifstream in(directory + "/" + relativePath, std::ios::binary);
-    if (!in) {
-        fail("cannot read data file " + relativePath);
-    }
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
+    return bytes;
 }
 
 std::string Directive::option(const std::string& key, const std::string& fallback) const
@@ -102,6 +134,33 @@ void Directive::fail(const std::string& message) const
 {
     throw MachineDirectoryError("machine " + (file.empty() ? directory : file) + ", line " +
                                 std::to_string(lineNumber) + ": " + message);
+}
+
+namespace {
+
+// White space as the classic locale tells it to a stream.
+bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+} // namespace
+
+void splitWords(const std::string& line, std::vector<std::string>& words)
+{
+    // Room for the words of most lines at once; longer lines grow the list.
+    words.reserve(words.size() + 16);
+    const char* at = line.data();
+    const char* const end = at + line.size();
+    while (at != end) {
+        while (at != end && isBlank(*at)) {
+            ++at;
+        }
+        const char* begin = at;
+        while (at != end && !isBlank(*at)) {
+            ++at;
+        }
+        if (at != begin) {
+            words.emplace_back(begin, at);
+        }
+    }
 }
 
 void needWords(const Directive& d, size_t count, const char* usage)
@@ -288,6 +347,7 @@ namespace {
 void loadLines(FakeMachine& machine, const std::string& text, const std::string& directory, const std::string& file,
                std::vector<std::string>& loading);
 
+
 // `include PATH`: a machine file, or a machine directory's `machine`, named
 // relative to the including file's directory. Its lines run in place, data
 // files relative to its own directory; lines after the include override it
@@ -308,48 +368,41 @@ void include(FakeMachine& machine, const Directive& d, std::vector<std::string>&
     if (std::find(loading.begin(), loading.end(), canonical) != loading.end()) {
         d.fail("include cycle: " + d.words[1] + " is being loaded already");
     }
-    std::ifstream in(machineFile);
-    if (!in) {
+    std::string text;
+    if (!readBytes(machineFile.string(), text)) {
         d.fail("cannot read included machine " + d.words[1]);
     }
-    std::ostringstream text;
-    text << in.rdbuf();
     std::string pathText = (isDirectory ? path : path.parent_path()).string();
     loading.push_back(canonical);
-    loadLines(machine, text.str(), pathText, isDirectory ? "" : path.string(), loading);
+    loadLines(machine, text, pathText, isDirectory ? "" : path.string(), loading);
     loading.pop_back();
 }
 
 void loadLines(FakeMachine& machine, const std::string& text, const std::string& directory, const std::string& file,
                std::vector<std::string>& loading)
 {
-    std::istringstream lines(text);
-    std::string line;
+    // Lines and words without a stream built for each line.
     int number = 0;
-    while (std::getline(lines, line)) {
+    eachLine(text, [&](std::string& line) {
         ++number;
         if (!line.empty() && line.back() == '\r') {
             line.pop_back();
         }
         Directive d{directory, number, {}, line, file};
-        std::istringstream words(line);
-        std::string word;
-        while (words >> word) {
-            d.words.push_back(word);
-        }
+        splitWords(line, d.words);
         if (d.words.empty() || d.words[0][0] == '#') {
-            continue;
+            return;
         }
         if (d.words[0] == "include") {
             include(machine, d, loading);
-            continue;
+            return;
         }
         auto it = handlers().find(d.words[0]);
         if (it == handlers().end()) {
             d.fail("unknown directive '" + d.words[0] + "'");
         }
         it->second(machine, d);
-    }
+    });
 }
 
 } // namespace
@@ -366,16 +419,14 @@ std::unique_ptr<FakeMachine> loadMachine(const std::string& directory)
     if (::stat(directory.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
         throw MachineDirectoryError("machine " + directory + ": no such directory");
     }
-    std::ifstream in(directory + "/machine");
-    if (!in) {
+    std::string text;
+    if (!readBytes(directory + "/machine", text)) {
         throw MachineDirectoryError("machine " + directory + ": no file 'machine' in it");
     }
-    std::ostringstream text;
-    text << in.rdbuf();
     auto machine = std::make_unique<FakeMachine>();
     std::error_code error;
     std::vector<std::string> loading{std::filesystem::canonical(directory + "/machine", error).string()};
-    loadLines(*machine, text.str(), directory, "", loading);
+    loadLines(*machine, text, directory, "", loading);
     return machine;
 }
 

@@ -45,6 +45,25 @@ struct Directive {
 
 using DirectiveHandler = std::function<void(FakeMachine&, const Directive&)>;
 
+// Calls each(line) for the lines of a text as std::getline gives them: cut
+// at newlines, a last line without one included, no empty line after a
+// final newline.
+template <typename Each>
+void eachLine(const std::string& text, Each each)
+{
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t newline = text.find('\n', at);
+        size_t end = newline == std::string::npos ? text.size() : newline;
+        std::string line = text.substr(at, end - at);
+        at = end == text.size() ? end : end + 1;
+        each(line);
+    }
+}
+// The words of a line as a stream reads them with >>: cut at white space
+// (blank, tab, newline, vertical tab, form feed, carriage return).
+void splitWords(const std::string& line, std::vector<std::string>& words);
+
 // Fails the directive unless it has at least `count` words.
 void needWords(const Directive& d, size_t count, const char* usage);
 // The line from word `word` on, as written (blanks inside kept).

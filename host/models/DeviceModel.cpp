@@ -12,6 +12,8 @@ ssize_t DeviceModel::read(FakeMachine&, char*, size_t, off_t) { return -EINVAL; 
 ssize_t DeviceModel::write(FakeMachine&, const char*, size_t, off_t) { return -EINVAL; }
 int DeviceModel::tcgetattr(struct termios*) { return -ENOTTY; }
 int DeviceModel::tcsetattr(int, const struct termios*) { return -ENOTTY; }
+const unsigned char* DeviceModel::view(off_t, size_t) const { return nullptr; }
+
 bool DeviceModel::map(off_t, size_t, unsigned char*) { return false; }
 
 void DeviceModel::answer(unsigned long request, std::string name, IoctlHandler handler)

@@ -40,6 +40,10 @@ public:
     virtual int tcsetattr(int action, const struct termios* settings);
     // Copies `count` bytes at `offset` for mmap; false refuses the mapping.
     virtual bool map(off_t offset, size_t count, unsigned char* out);
+    // The `count` bytes at `offset` where the model keeps them, for a mapping
+    // that is only read: they stay as they are while the model lives. Null
+    // when they are not kept in one piece; map then copies them.
+    virtual const unsigned char* view(off_t offset, size_t count) const;
 
     // Looks the request up in the table: names the event and calls the
     // handler. A request that is not in the table is refused with ENOTTY and

@@ -29,6 +29,14 @@ bool FileModel::map(off_t offset, size_t count, unsigned char* out)
     return true;
 }
 
+const unsigned char* FileModel::view(off_t offset, size_t count) const
+{
+    if (offset < 0 || static_cast<size_t>(offset) > m_bytes.size() || count > m_bytes.size() - offset) {
+        return nullptr;
+    }
+    return reinterpret_cast<const unsigned char*>(m_bytes.data()) + offset;
+}
+
 } // namespace host
 } // namespace Ostrand
 } // namespace Vantrel

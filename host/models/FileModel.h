@@ -15,6 +15,7 @@ public:
     int open(int flags) override;
     ssize_t read(FakeMachine& machine, char* buffer, size_t count, off_t offset) override;
     bool map(off_t offset, size_t count, unsigned char* out) override;
+    const unsigned char* view(off_t offset, size_t count) const override;
     const std::string& bytes() const { return m_bytes; }
 
 private:

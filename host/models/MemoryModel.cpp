@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 namespace Vantrel {
 namespace Ostrand {
@@ -41,6 +42,27 @@ bool MemoryModel::map(off_t offset, size_t count, unsigned char* out)
     }
     copy(static_cast<uint64_t>(offset), count, out);
     return true;
+}
+
+// One area that holds the whole range is shown in place; a range that runs
+// into zeros, or into an area placed above it (whose bytes copy lays over
+// it), is copied by map.
+const unsigned char* MemoryModel::view(off_t offset, size_t count) const
+{
+    if (offset < 0) {
+        return nullptr;
+    }
+    const uint64_t begin = static_cast<uint64_t>(offset);
+    auto above = m_areas.upper_bound(begin);
+    if (above == m_areas.begin() || (above != m_areas.end() && above->first - begin < count)) {
+        return nullptr;
+    }
+    auto area = std::prev(above);
+    const uint64_t inside = begin - area->first;
+    if (inside > area->second.size() || count > area->second.size() - inside) {
+        return nullptr;
+    }
+    return reinterpret_cast<const unsigned char*>(area->second.data()) + inside;
 }
 
 } // namespace host

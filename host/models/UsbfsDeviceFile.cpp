@@ -4,9 +4,9 @@
 
 #include "host/fake/MachineDirectory.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -33,10 +33,32 @@ long numberOf(int line, const std::string& word, int base)
     return value;
 }
 
+// The value of one or two hexadecimal digits, as strtol reads them; -1 for
+// any other word, which strtol then reads.
+int plainByte(const std::string& word)
+{
+    auto digit = [](char c) {
+        return c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+    };
+    if (word.size() == 1) {
+        return digit(word[0]);
+    }
+    if (word.size() == 2 && digit(word[0]) >= 0 && digit(word[1]) >= 0) {
+        return digit(word[0]) * 16 + digit(word[1]);
+    }
+    return -1;
+}
+
 std::string bytesOf(int line, const std::vector<std::string>& words, size_t first)
 {
     std::string bytes;
+    bytes.reserve(words.size() - std::min(first, words.size()));
     for (size_t i = first; i < words.size(); ++i) {
+        int plain = plainByte(words[i]);
+        if (plain >= 0) {
+            bytes += static_cast<char>(plain);
+            continue;
+        }
         long value = numberOf(line, words[i], 16);
         if (value < 0 || value > 0xff) {
             bad(line, "not a byte: " + words[i]);
@@ -77,22 +99,16 @@ void need(int line, const std::vector<std::string>& words, size_t count, const c
 std::shared_ptr<UsbfsModel> UsbfsModel::parse(const std::string& text)
 {
     auto model = std::make_shared<UsbfsModel>();
-    std::istringstream lines(text);
-    std::string line;
     int number = 0;
-    while (std::getline(lines, line)) {
+    eachLine(text, [&](std::string& line) {
         ++number;
         if (!line.empty() && line.back() == '\r') {
             line.pop_back();
         }
-        std::istringstream split(line);
         std::vector<std::string> words;
-        std::string word;
-        while (split >> word) {
-            words.push_back(word);
-        }
+        splitWords(line, words);
         if (words.empty() || words[0][0] == '#') {
-            continue;
+            return;
         }
         const std::string& key = words[0];
         if (key == "device") {
@@ -159,7 +175,7 @@ std::shared_ptr<UsbfsModel> UsbfsModel::parse(const std::string& text)
         } else {
             bad(number, "unknown line '" + key + "'");
         }
-    }
+    });
     return model;
 }
 
