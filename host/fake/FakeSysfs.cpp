@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <filesystem>
 #include <mntent.h>
 #include <unistd.h>
@@ -58,6 +57,11 @@ bool fakeMountTable(Machine& machine, std::string& table)
 } // namespace Ostrand
 } // namespace Vantrel
 
+// The C library's own opening of a mount table, under the name that its
+// setmntent is an alias of; a program linked statically has no next
+// definition to look up at run time.
+extern "C" FILE* __setmntent(const char* file, const char* mode) noexcept;
+
 // libsysfs opens /proc/mounts with setmntent to learn whether its SYSFS_PATH
 // is a sysfs mount. This definition in the program comes before the C
 // library's: on a fake machine the table is the machine's own, anything else
@@ -75,10 +79,5 @@ extern "C" FILE* setmntent(const char* file, const char* mode) noexcept
         }
         return stream;
     }
-    using Open = FILE* (*)(const char*, const char*);
-    static Open next = reinterpret_cast<Open>(::dlsym(RTLD_NEXT, "setmntent"));
-    if (next == nullptr) {
-        return nullptr;
-    }
-    return next(file, mode);
+    return __setmntent(file, mode);
 }
