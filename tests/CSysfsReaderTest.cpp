@@ -1475,12 +1475,22 @@ TEST(CSysfsReaderSeamTest, TwoFakeMachinesOneAfterTheOtherSeeTheirOwnTrees)
     }
 }
 
+namespace {
+
+// SYSFS_PATH as the process has it now, "(unset)" when it has none.
+std::string sysfsPathNow()
+{
+    const char* value = std::getenv("SYSFS_PATH");
+    return value != nullptr ? value : "(unset)";
+}
+
+} // namespace
+
 TEST(CSysfsReaderSeamTest, TheLiveMachineGetsItsOwnSysfsPathBack)
 {
     // On the live machine, the process's own value (or none) is put back.
     host::prepareSysfs();
-    const char* before = std::getenv("SYSFS_PATH");
-    const std::string original = before != nullptr ? before : "(unset)";
+    const std::string original = sysfsPathNow();
     SysfsTree tree;
     {
         host::FakeMachine machine;
@@ -1492,22 +1502,19 @@ TEST(CSysfsReaderSeamTest, TheLiveMachineGetsItsOwnSysfsPathBack)
         EXPECT_STREQ(std::getenv("SYSFS_PATH"), machine.sysfsRoot());
     }
     EXPECT_TRUE(host::prepareSysfs());
-    const char* after = std::getenv("SYSFS_PATH");
-    EXPECT_EQ(after != nullptr ? after : "(unset)", original);
+    EXPECT_EQ(sysfsPathNow(), original);
 }
 
 TEST(CSysfsReaderSeamTest, AMachinePutInPlacePointsLibsysfsOnlyWhenItIsAsked)
 {
     host::prepareSysfs();
-    const char* before = std::getenv("SYSFS_PATH");
-    const std::string original = before != nullptr ? before : "(unset)";
+    const std::string original = sysfsPathNow();
     SysfsTree tree;
     host::FakeMachine machine;
     machine.setSysfs(tree.root());
     host::ScopedMachine scope{machine};
     // Nothing is made for sysfs yet: libsysfs sees what the process would.
-    const char* placed = std::getenv("SYSFS_PATH");
-    EXPECT_EQ(placed != nullptr ? placed : "(unset)", original);
+    EXPECT_EQ(sysfsPathNow(), original);
     EXPECT_TRUE(host::prepareSysfs());
     ASSERT_NE(std::getenv("SYSFS_PATH"), nullptr);
     EXPECT_STREQ(std::getenv("SYSFS_PATH"), machine.sysfsRoot());

@@ -1,50 +1,25 @@
 // The ostrand command, run as a support engineer runs it.
+#include "tests/support/CommandRun.h"
 #include "tests/support/ReleaseLabel.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
-#include <sys/wait.h>
 
 #ifdef OSTRAND_COMMAND
 
 namespace {
 
-struct Result {
-    int status;
-    std::string out;
-};
+using Result = ostrand_test::CommandRun;
+using ostrand_test::countLines;
 
 // Runs the command with the arguments; stderr is kept apart unless asked for.
 Result run(const std::string& arguments, bool withStderr = false)
 {
-    std::string line = std::string(OSTRAND_COMMAND) + " " + arguments + (withStderr ? " 2>&1" : " 2>/dev/null");
-    FILE* pipe = ::popen(line.c_str(), "r");
-    Result result{-1, ""};
-    if (pipe == nullptr) {
-        return result;
-    }
-    char buffer[4096];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-        result.out.append(buffer, n);
-    }
-    int status = ::pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    return ostrand_test::runCommand(arguments + (withStderr ? " 2>&1" : " 2>/dev/null"));
 }
 
 const std::string kLab = std::string(OSTRAND_SOURCE_DIR) + "/samples/lab-server";
-
-int countLines(const std::string& text)
-{
-    int count = 0;
-    for (char c : text) {
-        count += c == '\n';
-    }
-    return count;
-}
 
 } // namespace
 

@@ -1,16 +1,17 @@
 // `ostrand record`: a machine recorded through the recorder replays to the
 // records of the machine itself, and the command guards its folder.
+#include "host/fake/MachineDirectory.h"
+#include "tests/support/CommandRun.h"
 #include "tests/support/ReleaseLabel.h"
+#include "tests/support/ScratchFolder.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <sys/wait.h>
 
 #ifdef OSTRAND_COMMAND
 
@@ -24,64 +25,22 @@ struct Result {
     std::string err;
 };
 
-std::string readFile(const fs::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
-}
+std::string readFile(const fs::path& path) { return Vantrel::Ostrand::host::readWholeFile(path.string()); }
 
 // A fresh folder for one test, removed with it.
-class Scratch {
+class Scratch : public ostrand_test::ScratchFolder {
 public:
-    Scratch()
-    {
-        std::string pattern = (fs::temp_directory_path() / "ostrand-record-test-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) != nullptr) {
-            m_path = pattern;
-        }
-    }
-    ~Scratch()
-    {
-        std::error_code ignored;
-        fs::permissions(m_path, fs::perms::owner_all, fs::perm_options::add, ignored);
-        fs::remove_all(m_path, ignored);
-    }
-    const fs::path& path() const { return m_path; }
-
-private:
-    fs::path m_path;
+    Scratch() : ScratchFolder("ostrand-record-test") {}
 };
 
 Result run(const std::string& arguments, const fs::path& scratch)
 {
     fs::path err = scratch / "stderr.txt";
-    std::string line = std::string(OSTRAND_COMMAND) + " " + arguments + " 2>" + err.string();
-    Result result{-1, "", ""};
-    FILE* pipe = ::popen(line.c_str(), "r");
-    if (pipe == nullptr) {
-        return result;
-    }
-    char buffer[4096];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-        result.out.append(buffer, n);
-    }
-    int status = ::pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.err = readFile(err);
-    return result;
+    ostrand_test::CommandRun ran = ostrand_test::runCommand(arguments + " 2>" + err.string());
+    return Result{ran.status, ran.out, readFile(err)};
 }
 
-int lines(const std::string& text)
-{
-    int count = 0;
-    for (char c : text) {
-        count += c == '\n';
-    }
-    return count;
-}
+using ostrand_test::countLines;
 
 const std::string kSource = OSTRAND_SOURCE_DIR;
 
@@ -217,7 +176,7 @@ TEST(RecordCommandTest, AFolderThatIsNotEmptyIsRefusedAndLeftAsItWas)
     std::ofstream(target / "notes.txt") << "mine\n";
     Result r = run("record " + target.string() + " --machine " + kSource + "/samples/virtio-vm", scratch.path());
     EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(lines(r.err), 1);
+    EXPECT_EQ(countLines(r.err), 1);
     EXPECT_EQ(r.err, "ostrand: " + target.string() +
                          " exists and is not empty; a recording goes into a new or empty folder\n");
     EXPECT_EQ(readFile(target / "notes.txt"), "mine\n");
@@ -249,7 +208,7 @@ TEST(RecordCommandTest, AnEmptyFolderIsFilledAndNothingIsLeftBeside)
     }
     EXPECT_EQ(entries, 2); // the recording and this test's stderr file
     EXPECT_NE(r.err.find("into " + target.string() + " (review it before sharing"), std::string::npos);
-    EXPECT_EQ(lines(r.err), 1);
+    EXPECT_EQ(countLines(r.err), 1);
 }
 
 TEST(RecordCommandTest, AMachineThatCannotBeReadIsBadUseAndNothingIsWritten)
@@ -258,7 +217,7 @@ TEST(RecordCommandTest, AMachineThatCannotBeReadIsBadUseAndNothingIsWritten)
     Result r = run("record " + (scratch.path() / "m").string() + " --machine " + (scratch.path() / "none").string(),
                    scratch.path());
     EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(lines(r.err), 1);
+    EXPECT_EQ(countLines(r.err), 1);
     EXPECT_FALSE(fs::exists(scratch.path() / "m"));
 }
 
@@ -270,7 +229,7 @@ TEST(RecordCommandTest, AnUnknownClassAndAMissingFolderAreBadUse)
     EXPECT_NE(unknown.err.find("unknown class 'disks'"), std::string::npos);
     Result missing = run("record", scratch.path());
     EXPECT_EQ(missing.status, 2);
-    EXPECT_EQ(lines(missing.err), 1);
+    EXPECT_EQ(countLines(missing.err), 1);
     EXPECT_FALSE(fs::exists(scratch.path() / "m"));
 }
 
@@ -334,8 +293,8 @@ TEST_F(EditedRecording, AnUnknownDirectiveNamesTheLine)
     std::ofstream(m_recorded / "machine", std::ios::binary) << machine << "teleport /dev/sg9 far away\n";
     Result r = replay();
     EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(lines(r.err), 1);
-    EXPECT_NE(r.err.find("machine " + m_recorded.string() + ", line " + std::to_string(lines(machine) + 1) + ": "),
+    EXPECT_EQ(countLines(r.err), 1);
+    EXPECT_NE(r.err.find("machine " + m_recorded.string() + ", line " + std::to_string(countLines(machine) + 1) + ": "),
               std::string::npos)
         << r.err;
     EXPECT_NE(r.err.find("teleport"), std::string::npos) << r.err;
@@ -356,7 +315,7 @@ TEST_F(EditedRecording, ACutUsbDeviceFileNamesBothFilesAndLines)
     std::ofstream(m_recorded / "machine", std::ios::binary) << machine;
     Result r = run("usb --json --machine " + m_recorded.string(), m_scratch.path());
     EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(lines(r.err), 1);
+    EXPECT_EQ(countLines(r.err), 1);
     EXPECT_NE(r.err.find(", line " + std::to_string(line) + ": usbfs/002-002.usb, line "), std::string::npos)
         << r.err;
     EXPECT_NE(r.err.find("zz"), std::string::npos) << r.err;

@@ -9,6 +9,7 @@
 #include "host/record/MachineText.h"
 #include "host/record/RecordingMachine.h"
 #include "host/record/RecordingWriter.h"
+#include "tests/support/ScratchFolder.h"
 
 #include <gtest/gtest.h>
 
@@ -30,33 +31,13 @@ namespace {
 using namespace Vantrel::Ostrand;
 namespace fs = std::filesystem;
 
-class Folder {
+class Folder : public ostrand_test::ScratchFolder {
 public:
-    Folder()
-    {
-        std::string pattern = (fs::temp_directory_path() / "ostrand-recording-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) != nullptr) {
-            m_path = pattern;
-        }
-    }
-    ~Folder()
-    {
-        std::error_code ignored;
-        fs::remove_all(m_path, ignored);
-    }
-    std::string path() const { return m_path.string(); }
-
-private:
-    fs::path m_path;
+    Folder() : ScratchFolder("ostrand-recording") {}
+    std::string path() const { return ScratchFolder::path().string(); }
 };
 
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
-}
+std::string readFile(const std::string& path) { return host::readWholeFile(path); }
 
 std::string readAll(FILE* stream)
 {
